@@ -13,8 +13,8 @@ void acquireSharedSlowly(VeskSharedExclusiveLock& lock) noexcept {
   for (;;) {
     if (loadRelaxed(lock.state) == kExclusive) {
       backoff.busy();
-    } else if (__VeskInterlockedCompareExchange(&lock.state, kShared, kFree) != kExclusive) {
-      return;
+    } else if (compareAndSwap(lock.state, kFree, kShared) || loadAcquire(lock.state) == kShared) {
+      return; // a shared state stays shared while we are counted
     }
   }
 }

@@ -22,7 +22,7 @@
 #define VESK_API __attribute__((visibility("default")))
 
 /* Lets the compiler check a format string against its arguments: positions of the format and the first argument. */
-#define VESK_PRINTF(format, first) __attribute__((format(printf, format, first)))
+#define VESK_PRINTF(formatIndex, firstIndex) __attribute__((format(printf, formatIndex, firstIndex)))
 
 /* No identifier could be handed out. */
 #define VESK_INVALID_ID 0xFFFFFFFFu

@@ -33,7 +33,7 @@ typedef void (*VeskHostFreeProc)(void* block);
 VESK_API void __VeskInitializeSubAllocator(VeskHostAllocateProc allocate, VeskHostFreeProc release);
 
 /* A block of at least `size` usable bytes for `category` (0 to 63; a higher one counts as 0). Slabs that this call creates
- * have 1 << (16 + shift) bytes; pass shift 0 unless a container's flags say otherwise. Never returns null; ends the
+ * have 1 << (16 + shift) bytes, shift 0 to 15 (its low four bits count); pass 0 unless a container needs larger ones. Ends the
  * process if the sub-allocator has not been initialised. */
 VESK_API void* __VeskMalloc(uint32_t category, uint32_t size, uint32_t shift);
 

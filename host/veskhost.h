@@ -1,7 +1,9 @@
-/* The reference host engine: what the library asks of a host, over plain Linux, and the events it gives a collector.
+/* The reference host engine: what the library asks of a host, over plain Linux, and the events it gives a
+ * collector.
  *
- * It comes as a static library with one call, veskHostInstall(), for tests, benchmarks and examples; and as libveskhost.so,
- * preloaded by veskrun into a program, where it also watches the program and tells a collector what happens in it.
+ * It comes as a static library with one call, veskHostInstall(), for tests, benchmarks and examples; and as
+ * libveskhost.so, preloaded by veskrun into a program, where it also watches the program and tells a
+ * collector what happens in it.
  *
  * A collector for libveskhost.so is a shared object that exports veskCollectorStart(). */
 #ifndef VESKHOST_H
@@ -11,8 +13,8 @@
 
 VESK_BEGIN_DECLS
 
-/* Installs memory, thread ids, TLS slots, pid, thread services and exit handler in the library and starts it. Only the first
- * call has an effect. */
+/* Installs memory, thread ids, TLS slots, pid, thread services and exit handler in the library and starts it.
+ * Only the first call has an effect. */
 VESK_API void veskHostInstall(void);
 
 /* ---- Memory for the library, over mappings of its own ---- */
@@ -52,23 +54,25 @@ typedef struct VeskHostModule {
 } VeskHostModule;
 
 typedef enum VeskProcessEnd {
-  VESK_END_EXIT,        /* exit(), or return from main */
-  VESK_END_QUICK,       /* _exit(), _Exit(), quick_exit() */
-  VESK_END_EXEC,        /* an exec is about to replace the program; if it fails, the program goes on */
-  VESK_END_FATAL        /* the library's fatal path */
+  VESK_END_EXIT,  /* exit(), or return from main */
+  VESK_END_QUICK, /* _exit(), _Exit(), quick_exit() */
+  VESK_END_EXEC,  /* an exec is about to replace the program; if it fails, the program goes on */
+  VESK_END_FATAL  /* the library's fatal path */
 } VeskProcessEnd;
 
-/* What a collector wants to hear. Null callbacks are skipped. Every callback runs on the thread that caused it, marked as
- * "inside the collector": its own heap calls, and the library's, raise no events. No callback runs before veskCollectorStart
- * has returned. */
+/* What a collector wants to hear. Null callbacks are skipped. Every callback runs on the thread that caused
+ * it, marked as "inside the collector": its own heap calls, and the library's, raise no events. No callback
+ * runs before veskCollectorStart has returned. */
 typedef struct VeskHostEvents {
-  /* A heap function has handed out `block` of `bytes` requested bytes. `caller` is the return address into the program's
-   * code that called it: a back-trace of the program begins there. */
+  /* A heap function has handed out `block` of `bytes` requested bytes. `caller` is the return address into
+   * the program's code that called it: a back-trace of the program begins there. */
   void (*allocated)(void* block, size_t bytes, VeskHeapFunction function, const void* caller);
-  /* `block` is about to be given back; told before the program's allocator can hand it out anew. Never null. */
+  /* `block` is about to be given back; told before the program's allocator can hand it out anew. Never null.
+   */
   void (*releasing)(void* block, const void* caller);
-  /* realloc of a live block: told before and after. `newBlock` is null when it failed and `oldBlock` lives on (or when
-   * `bytes` is 0 and the block was given back: then `released` is 1). The token is what the first returned. */
+  /* realloc of a live block: told before and after. `newBlock` is null when it failed and `oldBlock` lives on
+   * (or when `bytes` is 0 and the block was given back: then `released` is 1). The token is what the first
+   * returned. */
   uint64_t (*reallocating)(void* oldBlock, const void* caller);
   void (*reallocated)(uint64_t token, void* oldBlock, void* newBlock, size_t bytes, int released,
                       VeskHeapFunction function, const void* caller);
@@ -77,22 +81,23 @@ typedef struct VeskHostEvents {
   void (*moduleLoaded)(const VeskHostModule* module);
   void (*moduleUnloaded)(const VeskHostModule* module);
 
-  /* Threads that the program starts, on the thread itself: first and last thing it does. Not for the first thread. */
+  /* Threads that the program starts, on the thread itself: first and last thing it does. Not for the first
+   * thread. */
   void (*threadStarted)(uint32_t threadId);
   void (*threadEnded)(uint32_t threadId);
 
   /* In the child of a fork, when children are followed; otherwise the child raises no events at all. */
   void (*forkedInChild)(void);
 
-  /* The program is about to end: once, on the thread that ends it, after the program's own exit handlers. A death by signal
-   * is not told. */
+  /* The program is about to end: once, on the thread that ends it, after the program's own exit handlers. A
+   * death by signal is not told. */
   void (*processEnding)(VeskProcessEnd how, int status);
 } VeskHostEvents;
 
-/* The collector's entry, called before the program's own code: the library is started, options are argv[0] to argv[argc - 1] as
- * the library's parser takes them. Returns 0 with `events` filled in; or, when it cannot start, tells why on standard error and
- * returns the exit status with which the process then ends (-help: writes the help to standard output, returns
- * VESK_COLLECTOR_DONE, and the process ends with status 0). */
+/* The collector's entry, called before the program's own code: the library is started, options are argv[0] to
+ * argv[argc - 1] as the library's parser takes them. Returns 0 with `events` filled in; or, when it cannot
+ * start, tells why on standard error and returns the exit status with which the process then ends (-help:
+ * writes the help to standard output, returns VESK_COLLECTOR_DONE, and the process ends with status 0). */
 #define VESK_COLLECTOR_DONE (-1)
 typedef int (*VeskCollectorStart)(uint32_t argc, const char* const* argv, VeskHostEvents* events);
 #define VESK_COLLECTOR_START_NAME "veskCollectorStart"

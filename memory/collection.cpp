@@ -39,7 +39,8 @@ constinit std::uint64_t lowestFreeSwap = std::numeric_limits<std::uint64_t>::max
 constinit std::int32_t engineFailures = 0;
 constinit std::uint32_t probeWaiting = 0;
 
-template <class... Arguments> void note(const char* format, Arguments... arguments) {
+template <class... Arguments>
+void note(const char* format, Arguments... arguments) {
   __VeskLogInternal(VESKLOG_SEVERITY_INFO, VESKLOG_MSG_COMMENT, 0, format, arguments...);
 }
 
@@ -48,7 +49,8 @@ void noteTotals(const char* format) {
   listCategories("MemoryAllocated by %-25s:%15ld");
 }
 
-// Calls the collectors. Returns the bytes by which the statistics' total went down. Caller holds the host-allocation lock.
+// Calls the collectors. Returns the bytes by which the statistics' total went down. Caller holds the
+// host-allocation lock.
 std::uint64_t collect() {
   if (collectionLogged == 0) {
     __VeskLogInternal(VESKLOG_SEVERITY_WARNING, VESKLOG_MSG_COLLECT_MEMORY, 0);
@@ -68,9 +70,12 @@ std::uint64_t collect() {
 }
 
 // Whole 64 KiB units for `bytes`, one to spare, less the 16 bytes that the allocator leaves off every slab.
-std::uint32_t probeSize(std::uint32_t bytes) { return ((bytes + 0x1000F) & ~std::uint32_t{0xFFFF}) - 16; }
+std::uint32_t probeSize(std::uint32_t bytes) {
+  return ((bytes + 0x1000F) & ~std::uint32_t{0xFFFF}) - 16;
+}
 
-// Asks the host for the probe's size and keeps what is known of the logged collection over to the next attempt.
+// Asks the host for the probe's size and keeps what is known of the logged collection over to the next
+// attempt.
 void* tryProbe(std::uint32_t size, std::uint32_t& logged) {
   ScopedSpinLock scope(hostAllocationLock);
   collectionLogged = logged;
@@ -87,8 +92,8 @@ void* tryProbeWithReserves(std::uint32_t size, std::uint32_t logged) {
   return block;
 }
 
-// The host can give `size` bytes now, or reserves have been given back until it can, or it has been said that memory is
-// tight. Caller holds the pre-allocation lock.
+// The host can give `size` bytes now, or reserves have been given back until it can, or it has been said that
+// memory is tight. Caller holds the pre-allocation lock.
 void probe(std::uint32_t size) {
   std::uint32_t logged = 0;
   void* block = tryProbe(size, logged);
@@ -109,7 +114,9 @@ void probe(std::uint32_t size) {
 
 } // namespace
 
-void forgetLoggedCollection() noexcept { collectionLogged = 0; }
+void forgetLoggedCollection() noexcept {
+  collectionLogged = 0;
+}
 
 void checkPressure() noexcept {
   if (loadRelaxed(collectionEnabled) == 0) return;
@@ -164,7 +171,9 @@ uint32_t __VeskRegisterMemoryCollector(VeskMemoryCollector collector) {
   return 0;
 }
 
-void __VeskInitializeMemoryCollector() { __VeskInitializeMemoryCollectorAndReserveMemory(0); }
+void __VeskInitializeMemoryCollector() {
+  __VeskInitializeMemoryCollectorAndReserveMemory(0);
+}
 
 void __VeskInitializeMemoryCollectorAndReserveMemory(uint32_t reserveBlocks) {
   ScopedOnceGuard guard(initializationGuard);

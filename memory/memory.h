@@ -19,7 +19,8 @@ extern VeskHostFreeProc hostFree;
 // Guards initialisation, of the sub-allocator and of memory collection alike (once_guard.h).
 extern std::uint32_t initializationGuard;
 
-// Held around every host allocation of the library, so that a call-back made from inside one can be told from any other.
+// Held around every host allocation of the library, so that a call-back made from inside one can be told from
+// any other.
 extern VeskSpinLock hostAllocationLock;
 
 // Guards the state of the probe and orders probes against the engine's reports.
@@ -45,14 +46,15 @@ void reportMemoryIsTight() noexcept;
 
 // ---- Collection ----
 
-// A new attempt at a host allocation logs a collection of its own again. Caller holds the host-allocation lock.
+// A new attempt at a host allocation logs a collection of its own again. Caller holds the host-allocation
+// lock.
 void forgetLoggedCollection() noexcept;
 
 // Collects if free swap has fallen far enough. Caller holds the host-allocation lock.
 void checkPressure() noexcept;
 
-// For a host allocation that has just failed: hands reserve blocks back, one at a time, and tries again after each. Null when the
-// reserve ran out. Caller holds the host-allocation lock.
+// For a host allocation that has just failed: hands reserve blocks back, one at a time, and tries again after
+// each. Null when the reserve ran out. Caller holds the host-allocation lock.
 void* allocateFromReserves(std::uint64_t bytes) noexcept;
 
 } // namespace vesk::memory

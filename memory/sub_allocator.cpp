@@ -1,7 +1,7 @@
 // The size-class sub-allocator.
 //
-// A request of n bytes takes a chunk of 16 x class bytes, the smallest multiple of 16 that holds the chunk's header word and n
-// bytes. Chunks of one (category, class) come from slabs that its row keeps:
+// A request of n bytes takes a chunk of 16 x class bytes, the smallest multiple of 16 that holds the chunk's
+// header word and n bytes. Chunks of one (category, class) come from slabs that its row keeps:
 //
 //   row    [ lock | head ] -> slab -> slab        the slabs with a free chunk, most recently touched first
 //   slab   [ header, 48 bytes | chunk | chunk | ... ]
@@ -9,9 +9,9 @@
 //                                                              free, the next free chunk | 1
 //                                                              large block, 0xBEEF
 //
-// A slab leaves its row's list when its last chunk is taken and returns with the first that comes back. An entirely free slab
-// goes back to the host, unless it is the only one that its row has. Taking or giving back a chunk is one lock and a few
-// moves; everything else is out of line.
+// A slab leaves its row's list when its last chunk is taken and returns with the first that comes back. An
+// entirely free slab goes back to the host, unless it is the only one that its row has. Taking or giving back
+// a chunk is one lock and a few moves; everything else is out of line.
 #include <cstddef>
 #include <new>
 
@@ -40,9 +40,9 @@ constexpr std::size_t kCacheLine = 64;
 struct Slab {
   Slab* next;
   Slab* previous;
-  std::uint64_t* freeHead;   // header word of the first free chunk
-  std::uint32_t freeCount;   // all of these but the last five: under the row's lock
-  std::uint32_t sizeClass;   // these never change
+  std::uint64_t* freeHead; // header word of the first free chunk
+  std::uint32_t freeCount; // all of these but the last five: under the row's lock
+  std::uint32_t sizeClass; // these never change
   std::uint32_t chunkTotal;
   std::uint16_t magic;
   std::uint8_t category;
@@ -61,7 +61,9 @@ constexpr std::size_t kRows = std::size_t{VESK_MAX_MEMORY_CATEGORIES} * kClasses
 
 constinit Row* rows = nullptr;
 
-std::uint64_t& headerOf(void* pointer) { return static_cast<std::uint64_t*>(pointer)[-1]; }
+std::uint64_t& headerOf(void* pointer) {
+  return static_cast<std::uint64_t*>(pointer)[-1];
+}
 
 [[gnu::always_inline]] inline Row& rowOf(Row* table, std::uint32_t category, std::uint32_t sizeClass) {
   return table[category * kClasses + (sizeClass - 1)];
@@ -85,7 +87,8 @@ void unlink(Row& row, Slab* slab) {
   std::uint64_t* const chunk = slab->freeHead;
   slab->freeHead = reinterpret_cast<std::uint64_t*>(*chunk ^ kFreeMark);
   storeRelaxed(*chunk, reinterpret_cast<std::uint64_t>(slab));
-  if (--slab->freeCount == 0) [[unlikely]] unlink(row, slab);
+  if (--slab->freeCount == 0) [[unlikely]]
+    unlink(row, slab);
   return chunk + 1;
 }
 
@@ -105,7 +108,9 @@ void* allocateFromHost(std::uint64_t bytes) {
   return block;
 }
 
-std::uint64_t nominalSlabSize(std::uint32_t shift) { return std::uint64_t{1} << (16 + shift); }
+std::uint64_t nominalSlabSize(std::uint32_t shift) {
+  return std::uint64_t{1} << (16 + shift);
+}
 
 // A slab with every chunk on its free list, in address order.
 Slab* makeSlab(std::uint32_t category, std::uint32_t sizeClass, std::uint32_t shift) {
@@ -132,8 +137,8 @@ Slab* makeSlab(std::uint32_t category, std::uint32_t sizeClass, std::uint32_t sh
   return slab;
 }
 
-// The row has no free chunk. The caller holds it; on return it is released. Another thread may give the row a slab meanwhile:
-// ours is still pushed, and used first.
+// The row has no free chunk. The caller holds it; on return it is released. Another thread may give the row a
+// slab meanwhile: ours is still pushed, and used first.
 [[gnu::noinline]] void* allocateFromNewSlab(Row& row, std::uint32_t category, std::uint32_t sizeClass,
                                             std::uint32_t shift) {
   release(row.lock);
@@ -152,7 +157,9 @@ Slab* makeSlab(std::uint32_t category, std::uint32_t sizeClass, std::uint32_t sh
 }
 
 // Without memory there is no log to write to.
-[[noreturn, gnu::noinline]] void endWithoutMemory() { __VeskExitHandler(-1); }
+[[noreturn, gnu::noinline]] void endWithoutMemory() {
+  __VeskExitHandler(-1);
+}
 
 // Every chunk of the slab is free. Caller holds the row.
 [[gnu::noinline]] void releaseSlab(Row& row, Slab* slab) {
@@ -182,8 +189,10 @@ using namespace vesk::memory;
 void* __VeskMalloc(uint32_t category, uint32_t size, uint32_t shift) {
   const std::uint64_t sizeClass = (std::uint64_t{size} + 23) >> 4;
   Row* const table = loadAcquire(rows);
-  if (table == nullptr) [[unlikely]] endWithoutMemory();
-  if (sizeClass > kClasses) [[unlikely]] return allocateLarge(size);
+  if (table == nullptr) [[unlikely]]
+    endWithoutMemory();
+  if (sizeClass > kClasses) [[unlikely]]
+    return allocateLarge(size);
   category = category < VESK_MAX_MEMORY_CATEGORIES ? category : VESK_MEMORY_CATEGORY_MISC;
   Row& row = rowOf(table, category, static_cast<std::uint32_t>(sizeClass));
   acquire(row.lock);
@@ -196,10 +205,12 @@ void* __VeskMalloc(uint32_t category, uint32_t size, uint32_t shift) {
 }
 
 void __VeskFree(void* pointer) {
-  if (pointer == nullptr) [[unlikely]] return;
+  if (pointer == nullptr) [[unlikely]]
+    return;
   std::uint64_t* const chunk = &headerOf(pointer);
   const std::uint64_t header = loadRelaxed(*chunk);
-  if ((header & kFreeMark) != 0) [[unlikely]] return freeMarked(pointer, header);
+  if ((header & kFreeMark) != 0) [[unlikely]]
+    return freeMarked(pointer, header);
 
   auto* const slab = reinterpret_cast<Slab*>(header);
   Row& row = rowOf(loadRelaxed(rows), slab->category, slab->sizeClass);

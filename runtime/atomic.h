@@ -1,7 +1,7 @@
 // Words that other threads read: how the library touches them.
 //
-// A plain word of a record that two threads may see is a plain word in the interface, since callers embed and inspect the
-// records; inside the library every access to it goes through these.
+// A plain word of a record that two threads may see is a plain word in the interface, since callers embed and
+// inspect the records; inside the library every access to it goes through these.
 #pragma once
 
 #include <atomic>
@@ -9,19 +9,23 @@
 
 namespace vesk {
 
-template <class T> [[gnu::always_inline]] inline T loadRelaxed(const T& word) noexcept {
+template <class T>
+[[gnu::always_inline]] inline T loadRelaxed(const T& word) noexcept {
   return std::atomic_ref<T>(const_cast<T&>(word)).load(std::memory_order_relaxed);
 }
 
-template <class T> [[gnu::always_inline]] inline T loadAcquire(const T& word) noexcept {
+template <class T>
+[[gnu::always_inline]] inline T loadAcquire(const T& word) noexcept {
   return std::atomic_ref<T>(const_cast<T&>(word)).load(std::memory_order_acquire);
 }
 
-template <class T> [[gnu::always_inline]] inline void storeRelaxed(T& word, std::type_identity_t<T> value) noexcept {
+template <class T>
+[[gnu::always_inline]] inline void storeRelaxed(T& word, std::type_identity_t<T> value) noexcept {
   std::atomic_ref<T>(word).store(value, std::memory_order_relaxed);
 }
 
-template <class T> [[gnu::always_inline]] inline void storeRelease(T& word, std::type_identity_t<T> value) noexcept {
+template <class T>
+[[gnu::always_inline]] inline void storeRelease(T& word, std::type_identity_t<T> value) noexcept {
   std::atomic_ref<T>(word).store(value, std::memory_order_release);
 }
 
@@ -33,7 +37,8 @@ template <class T>
 }
 
 // Adds and returns the value held before.
-template <class T> [[gnu::always_inline]] inline T fetchAdd(T& word, std::type_identity_t<T> addend) noexcept {
+template <class T>
+[[gnu::always_inline]] inline T fetchAdd(T& word, std::type_identity_t<T> addend) noexcept {
   return std::atomic_ref<T>(word).fetch_add(addend);
 }
 

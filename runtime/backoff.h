@@ -9,8 +9,8 @@ class Backoff {
 public:
   explicit Backoff(std::uint32_t spinCount) noexcept : limit_(spinCount) {}
 
-  // One busy reading. On one processor it yields; elsewhere it yields when as many readings as the spin count were busy in a
-  // row. Says whether it yielded.
+  // One busy reading. On one processor it yields; elsewhere it yields when as many readings as the spin count
+  // were busy in a row. Says whether it yielded.
   bool busy() noexcept {
     if (!onOneProcessor() && ++readings_ < limit_) return false;
     readings_ = 0;
@@ -23,8 +23,8 @@ private:
   std::uint32_t readings_ = 0;
 };
 
-// Takes a lock's state word from free to `held` without ever yielding. With `tries` 0, or on one processor, it makes one
-// attempt; otherwise every busy reading and every failed attempt uses one of `tries` up.
+// Takes a lock's state word from free to `held` without ever yielding. With `tries` 0, or on one processor,
+// it makes one attempt; otherwise every busy reading and every failed attempt uses one of `tries` up.
 inline bool tryToTake(std::uint32_t& state, std::uint32_t held, std::uint32_t tries) noexcept {
   if (tries == 0 || onOneProcessor()) return compareAndSwap(state, 0, held);
   do {

@@ -14,7 +14,9 @@ constinit VeskExitHandler exitHandler = nullptr;
 
 } // namespace
 
-void __VeskSetExitHandler(VeskExitHandler handler) { storeRelaxed(exitHandler, handler); }
+void __VeskSetExitHandler(VeskExitHandler handler) {
+  storeRelaxed(exitHandler, handler);
+}
 
 void __VeskExitHandler(int32_t exitCode) {
   const VeskExitHandler handler = loadRelaxed(exitHandler);

@@ -1,7 +1,7 @@
 // The hook words, their setters, and the wrappers that ask the host or fall back.
 //
-// The words are stored without a lock: a host installs them before the threads that use them start, and may still replace or
-// empty them later.
+// The words are stored without a lock: a host installs them before the threads that use them start, and may
+// still replace or empty them later.
 #include "runtime/hooks.h"
 
 #include "runtime/thread_services.h"
@@ -33,8 +33,8 @@ template <class Proc, class Result, class... Arguments>
 namespace vesk {
 
 ThreadServices threadServices() noexcept {
-  return {loadRelaxed(services.createThread), loadRelaxed(services.endThread), loadRelaxed(services.waitForThread),
-          loadRelaxed(services.addExitCallback)};
+  return {loadRelaxed(services.createThread), loadRelaxed(services.endThread),
+          loadRelaxed(services.waitForThread), loadRelaxed(services.addExitCallback)};
 }
 
 } // namespace vesk
@@ -42,18 +42,31 @@ ThreadServices threadServices() noexcept {
 void __VeskSetGetCurrentThreadIdProc(VeskGetCurrentThreadIdProc proc) {
   storeRelaxed(__veskGetCurrentThreadIdProc, proc);
 }
-void __VeskSetGetNativeThreadIdProc(VeskGetNativeThreadIdProc proc) { storeRelaxed(__veskGetNativeThreadIdProc, proc); }
+void __VeskSetGetNativeThreadIdProc(VeskGetNativeThreadIdProc proc) {
+  storeRelaxed(__veskGetNativeThreadIdProc, proc);
+}
 void __VeskSetGetNativeParentThreadIdProc(VeskGetNativeParentThreadIdProc proc) {
   storeRelaxed(__veskGetNativeParentThreadIdProc, proc);
 }
-void __VeskSetTlsAllocProc(VeskTlsAllocProc proc) { storeRelaxed(__veskTlsAllocProc, proc); }
-void __VeskSetTlsFreeProc(VeskTlsFreeProc proc) { storeRelaxed(__veskTlsFreeProc, proc); }
-void __VeskSetTlsGetValueProc(VeskTlsGetValueProc proc) { storeRelaxed(__veskTlsGetValueProc, proc); }
-void __VeskSetTlsSetValueProc(VeskTlsSetValueProc proc) { storeRelaxed(__veskTlsSetValueProc, proc); }
-void __VeskSetGetPidProc(VeskGetPidProc proc) { storeRelaxed(pidProc, proc); }
+void __VeskSetTlsAllocProc(VeskTlsAllocProc proc) {
+  storeRelaxed(__veskTlsAllocProc, proc);
+}
+void __VeskSetTlsFreeProc(VeskTlsFreeProc proc) {
+  storeRelaxed(__veskTlsFreeProc, proc);
+}
+void __VeskSetTlsGetValueProc(VeskTlsGetValueProc proc) {
+  storeRelaxed(__veskTlsGetValueProc, proc);
+}
+void __VeskSetTlsSetValueProc(VeskTlsSetValueProc proc) {
+  storeRelaxed(__veskTlsSetValueProc, proc);
+}
+void __VeskSetGetPidProc(VeskGetPidProc proc) {
+  storeRelaxed(pidProc, proc);
+}
 
 int __VeskSetThreadProcs(VeskCreateThreadProc createThreadProc, VeskEndThreadProc endThreadProc,
-                         VeskWaitForThreadProc waitForThreadProc, VeskAddExitCallbackProc addExitCallbackProc) {
+                         VeskWaitForThreadProc waitForThreadProc,
+                         VeskAddExitCallbackProc addExitCallbackProc) {
   storeRelaxed(services.createThread, createThreadProc);
   storeRelaxed(services.endThread, endThreadProc);
   storeRelaxed(services.waitForThread, waitForThreadProc);
@@ -61,11 +74,27 @@ int __VeskSetThreadProcs(VeskCreateThreadProc createThreadProc, VeskEndThreadPro
   return 1;
 }
 
-uint64_t __VeskGetCurrentThreadId() { return ask(__veskGetCurrentThreadIdProc, uint64_t{0}); }
-uint32_t __VeskGetNativeThreadId() { return ask(__veskGetNativeThreadIdProc, uint32_t{0}); }
-uint64_t __VeskGetNativeParentThreadId() { return ask(__veskGetNativeParentThreadIdProc, uint64_t{0}); }
-uint32_t __VeskTlsAlloc() { return ask(__veskTlsAllocProc, VESK_INVALID_ID); }
-int __VeskTlsFree(uint32_t slot) { return ask(__veskTlsFreeProc, 0, slot); }
-void* __VeskTlsGetValue(uint32_t slot) { return ask(__veskTlsGetValueProc, static_cast<void*>(nullptr), slot); }
-int __VeskTlsSetValue(uint32_t slot, void* value) { return ask(__veskTlsSetValueProc, 0, slot, value); }
-int32_t __VeskGetPid() { return ask(pidProc, int32_t{-1}); }
+uint64_t __VeskGetCurrentThreadId() {
+  return ask(__veskGetCurrentThreadIdProc, uint64_t{0});
+}
+uint32_t __VeskGetNativeThreadId() {
+  return ask(__veskGetNativeThreadIdProc, uint32_t{0});
+}
+uint64_t __VeskGetNativeParentThreadId() {
+  return ask(__veskGetNativeParentThreadIdProc, uint64_t{0});
+}
+uint32_t __VeskTlsAlloc() {
+  return ask(__veskTlsAllocProc, VESK_INVALID_ID);
+}
+int __VeskTlsFree(uint32_t slot) {
+  return ask(__veskTlsFreeProc, 0, slot);
+}
+void* __VeskTlsGetValue(uint32_t slot) {
+  return ask(__veskTlsGetValueProc, static_cast<void*>(nullptr), slot);
+}
+int __VeskTlsSetValue(uint32_t slot, void* value) {
+  return ask(__veskTlsSetValueProc, 0, slot, value);
+}
+int32_t __VeskGetPid() {
+  return ask(pidProc, int32_t{-1});
+}

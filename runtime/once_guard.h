@@ -1,7 +1,8 @@
-// A guard word around work that is done once: start-up, the sub-allocator, memory collection, the log's creation.
+// A guard word around work that is done once: start-up, the sub-allocator, memory collection, the log's
+// creation.
 //
-// The word is taken from 0 to 1, with a yield between attempts, and given back by storing 0. Whether the work has been done
-// is a flag of its own, tested under the guard. Not recursive.
+// The word is taken from 0 to 1, with a yield between attempts, and given back by storing 0. Whether the work
+// has been done is a flag of its own, tested under the guard. Not recursive.
 #pragma once
 
 #include <cstdint>

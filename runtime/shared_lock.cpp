@@ -5,7 +5,8 @@
 
 namespace vesk::shared_lock {
 
-// The single steps of an arrival. Once the reader is counted, a writer that begins to wait no longer keeps it back.
+// The single steps of an arrival. Once the reader is counted, a writer that begins to wait no longer keeps it
+// back.
 void acquireSharedSlowly(VeskSharedExclusiveLock& lock) noexcept {
   Backoff backoff(lock.spinCount);
   while (loadRelaxed(lock.writerWaiting) == 1) backoff.busy();
@@ -51,13 +52,21 @@ void __VeskInitializeSharedExclusiveLockAndSpinCount(VeskSharedExclusiveLock* lo
   lock->spinCount = spinCount;
 }
 
-void __VeskAcquireSharedLock(VeskSharedExclusiveLock* lock) { acquireShared(*lock); }
+void __VeskAcquireSharedLock(VeskSharedExclusiveLock* lock) {
+  acquireShared(*lock);
+}
 
-void __VeskReleaseSharedLock(VeskSharedExclusiveLock* lock) { releaseShared(*lock); }
+void __VeskReleaseSharedLock(VeskSharedExclusiveLock* lock) {
+  releaseShared(*lock);
+}
 
-void __VeskAcquireExclusiveLock(VeskSharedExclusiveLock* lock) { acquireExclusive(*lock); }
+void __VeskAcquireExclusiveLock(VeskSharedExclusiveLock* lock) {
+  acquireExclusive(*lock);
+}
 
-void __VeskReleaseExclusiveLock(VeskSharedExclusiveLock* lock) { releaseExclusive(*lock); }
+void __VeskReleaseExclusiveLock(VeskSharedExclusiveLock* lock) {
+  releaseExclusive(*lock);
+}
 
 int __VeskTryToAcquireExclusiveLock(VeskSharedExclusiveLock* lock, uint32_t tries) {
   const std::uint64_t self = nativeThreadId();

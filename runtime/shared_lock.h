@@ -6,9 +6,10 @@
 //     1        r      held shared; 0 readers only inside a release
 //     2        r      held exclusive, r readers wait for it
 //
-// State and reader count are one 64-bit word. While no writer holds or waits, a reader arrives by one compare-and-swap of
-// the word, {0 or 1, r} to {1, r + 1}, and leaves by another, the last one to {0, 0}; the slow paths take the same steps
-// singly. A writer swaps the state alone, from 0 to 2, so that readers on their way do not keep it out.
+// State and reader count are one 64-bit word. While no writer holds or waits, a reader arrives by one
+// compare-and-swap of the word, {0 or 1, r} to {1, r + 1}, and leaves by another, the last one to {0, 0}; the
+// slow paths take the same steps singly. A writer swaps the state alone, from 0 to 2, so that readers on
+// their way do not keep it out.
 #pragma once
 
 #include "runtime/hooks.h"
@@ -42,7 +43,8 @@ void waitForExclusive(VeskSharedExclusiveLock& lock) noexcept;
 
 [[gnu::always_inline]] inline void acquireShared(VeskSharedExclusiveLock& lock) noexcept {
   using namespace shared_lock;
-  if (loadRelaxed(lock.owner) == nativeThreadId()) [[unlikely]] return;
+  if (loadRelaxed(lock.owner) == nativeThreadId()) [[unlikely]]
+    return;
   const std::uint64_t seen = loadRelaxed(word(lock));
   const std::uint64_t arrived = (seen | kShared) + kOneReader;
   if (static_cast<std::uint32_t>(seen) > kShared || loadRelaxed(lock.writerWaiting) != 0 ||
@@ -53,10 +55,12 @@ void waitForExclusive(VeskSharedExclusiveLock& lock) noexcept;
 
 [[gnu::always_inline]] inline void releaseShared(VeskSharedExclusiveLock& lock) noexcept {
   using namespace shared_lock;
-  if (loadRelaxed(lock.owner) == nativeThreadId()) [[unlikely]] return;
+  if (loadRelaxed(lock.owner) == nativeThreadId()) [[unlikely]]
+    return;
   const std::uint64_t seen = loadRelaxed(word(lock));
   const std::uint64_t left = seen == (kShared | kOneReader) ? 0 : seen - kOneReader;
-  if (!compareAndSwap(word(lock), seen, left)) [[unlikely]] releaseSharedSlowly(lock);
+  if (!compareAndSwap(word(lock), seen, left)) [[unlikely]]
+    releaseSharedSlowly(lock);
 }
 
 [[gnu::always_inline]] inline void acquireExclusive(VeskSharedExclusiveLock& lock) noexcept {
@@ -72,7 +76,8 @@ void waitForExclusive(VeskSharedExclusiveLock& lock) noexcept;
 }
 
 [[gnu::always_inline]] inline void releaseExclusive(VeskSharedExclusiveLock& lock) noexcept {
-  if (loadRelaxed(lock.state) != shared_lock::kExclusive) [[unlikely]] return;
+  if (loadRelaxed(lock.state) != shared_lock::kExclusive) [[unlikely]]
+    return;
   if (lock.recursionCount > 1) [[unlikely]] {
     lock.recursionCount = lock.recursionCount - 1;
     return;
@@ -95,7 +100,9 @@ private:
 
 class ScopedExclusiveLock {
 public:
-  explicit ScopedExclusiveLock(VeskSharedExclusiveLock& lock) noexcept : lock_(lock) { acquireExclusive(lock_); }
+  explicit ScopedExclusiveLock(VeskSharedExclusiveLock& lock) noexcept : lock_(lock) {
+    acquireExclusive(lock_);
+  }
   ~ScopedExclusiveLock() { releaseExclusive(lock_); }
   ScopedExclusiveLock(const ScopedExclusiveLock&) = delete;
   ScopedExclusiveLock& operator=(const ScopedExclusiveLock&) = delete;

@@ -1,8 +1,9 @@
-// The spin lock's fast paths, for use inside the library: a free lock costs one thread-id read and one locked instruction,
-// and its release is two plain stores.
+// The spin lock's fast paths, for use inside the library: a free lock costs one thread-id read and one locked
+// instruction, and its release is two plain stores.
 //
-// The state word alone decides who holds the lock. Owner and recursion count belong to the holder; the owner is also read by
-// threads that do not hold the lock, and never shows them their own id: the holder clears it before it lets go.
+// The state word alone decides who holds the lock. Owner and recursion count belong to the holder; the owner
+// is also read by threads that do not hold the lock, and never shows them their own id: the holder clears it
+// before it lets go.
 #pragma once
 
 #include "runtime/hooks.h"
@@ -25,12 +26,14 @@ void waitForSpinLock(VeskSpinLock& lock) noexcept;
     lock.recursionCount = lock.recursionCount + 1;
     return;
   }
-  if (!compareAndSwap(lock.state, 0, 1)) [[unlikely]] waitForSpinLock(lock);
+  if (!compareAndSwap(lock.state, 0, 1)) [[unlikely]]
+    waitForSpinLock(lock);
   ownSpinLock(lock, self);
 }
 
 [[gnu::always_inline]] inline void release(VeskSpinLock& lock) noexcept {
-  if (loadRelaxed(lock.state) != 1) [[unlikely]] return;
+  if (loadRelaxed(lock.state) != 1) [[unlikely]]
+    return;
   if (lock.recursionCount > 1) [[unlikely]] {
     lock.recursionCount = lock.recursionCount - 1;
     return;

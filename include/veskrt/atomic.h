@@ -1,7 +1,8 @@
 /* Atomic read-modify-write primitives and bit scans.
  *
- * Each primitive is one locked instruction and a full memory barrier. The public name forwards to the routine whose name
- * ends in "Internal", which is that instruction and a return; both are exported, for collectors that generate calls.
+ * Each primitive is one locked instruction and a full memory barrier. The public name forwards to the routine
+ * whose name ends in "Internal", which is that instruction and a return; both are exported, for collectors
+ * that generate calls.
  *
  * Mind the order of the compare-exchange: target, the value to store, the value expected. */
 #ifndef VESKRT_ATOMIC_H
@@ -11,8 +12,10 @@
 
 VESK_BEGIN_DECLS
 
-/* Stores `exchange` if *target equals `comparand`. Returns what *target held before: `comparand` if it was stored. */
-VESK_API uint32_t __VeskInterlockedCompareExchange(volatile uint32_t* target, uint32_t exchange, uint32_t comparand);
+/* Stores `exchange` if *target equals `comparand`. Returns what *target held before: `comparand` if it was
+ * stored. */
+VESK_API uint32_t __VeskInterlockedCompareExchange(volatile uint32_t* target, uint32_t exchange,
+                                                   uint32_t comparand);
 VESK_API uint32_t __VeskInterlockedCompareExchangeInternal(volatile uint32_t* target, uint32_t exchange,
                                                            uint32_t comparand);
 VESK_API uint64_t __VeskInterlockedCompareExchange64(volatile uint64_t* target, uint64_t exchange,

@@ -1,4 +1,5 @@
-/* What every public header of VESKRT starts from: the export mark, the C linkage guards and the fixed-width types.
+/* What every public header of VESKRT starts from: the export mark, the C linkage guards and the fixed-width
+ * types.
  *
  * Every header of the library compiles alone as C99 and as C++20. Unless a function says otherwise:
  *   - a function that answers a question returns 1 for yes and 0 for no;
@@ -21,7 +22,8 @@
 /* The interface, and nothing else, leaves the library. */
 #define VESK_API __attribute__((visibility("default")))
 
-/* Lets the compiler check a format string against its arguments: positions of the format and the first argument. */
+/* Lets the compiler check a format string against its arguments: positions of the format and the first
+ * argument. */
 #define VESK_PRINTF(formatIndex, firstIndex) __attribute__((format(printf, formatIndex, firstIndex)))
 
 /* No identifier could be handed out. */

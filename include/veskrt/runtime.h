@@ -1,9 +1,9 @@
 /* Start-up, host hooks, waiting and the fatal exit.
  *
- * The library lives in a process that a host engine controls, beside a program that is not its own. Who a thread is,
- * where its thread-local values lie, what the process id is, how internal threads are made and how the process ends, it
- * asks the host, through procedures ("hooks") that the host installs before the threads that use them start. Every hook
- * may be empty; a wrapper then returns its fallback at once.
+ * The library lives in a process that a host engine controls, beside a program that is not its own. Who a
+ * thread is, where its thread-local values lie, what the process id is, how internal threads are made and how
+ * the process ends, it asks the host, through procedures ("hooks") that the host installs before the threads
+ * that use them start. Every hook may be empty; a wrapper then returns its fallback at once.
  *
  * A host starts the library like this:
  *
@@ -34,18 +34,20 @@ typedef uint32_t (*VeskTlsAllocProc)(void);                /* reserves a thread-
 typedef int (*VeskTlsFreeProc)(uint32_t slot);             /* gives a slot back; 1 on success */
 typedef void* (*VeskTlsGetValueProc)(uint32_t slot);       /* the calling thread's value in a slot */
 typedef int (*VeskTlsSetValueProc)(uint32_t slot, void* value); /* stores it; 1 on success */
-typedef int32_t (*VeskGetPidProc)(void);                   /* the process id */
-typedef void (*VeskExitHandler)(int32_t exitCode);         /* ends the process; may return */
+typedef int32_t (*VeskGetPidProc)(void);                        /* the process id */
+typedef void (*VeskExitHandler)(int32_t exitCode);              /* ends the process; may return */
 
 typedef void (*VeskThreadFunction)(void* argument);
 typedef void (*VeskExitCallback)(void* argument);
 
-/* Starts an internal thread that runs function(argument) and stores its handle through `handle`. A stack size of 0 is
- * the host's default. Returns nonzero on success, 0 on failure. */
-typedef int (*VeskCreateThreadProc)(VeskThreadFunction function, void* argument, size_t stackSize, void** handle);
+/* Starts an internal thread that runs function(argument) and stores its handle through `handle`. A stack size
+ * of 0 is the host's default. Returns nonzero on success, 0 on failure. */
+typedef int (*VeskCreateThreadProc)(VeskThreadFunction function, void* argument, size_t stackSize,
+                                    void** handle);
 /* The last act of an internal thread. Does not return. */
 typedef void (*VeskEndThreadProc)(uint32_t exitCode);
-/* Waits until the thread has ended, `milliseconds` at most; `exitCode` may be null. Returns nonzero once it has ended. */
+/* Waits until the thread has ended, `milliseconds` at most; `exitCode` may be null. Returns nonzero once it
+ * has ended. */
 typedef int (*VeskWaitForThreadProc)(void** handle, uint32_t milliseconds, uint32_t* exitCode);
 /* Has callback(argument) called when the analysed process ends. Returns nonzero on success. */
 typedef int (*VeskAddExitCallbackProc)(VeskExitCallback callback, void* argument);
@@ -81,8 +83,8 @@ VESK_API int __VeskSetThreadProcs(VeskCreateThreadProc createThreadProc, VeskEnd
 
 /* ---- Wrappers: the installed procedure's answer, untouched, or the fallback named here ---- */
 
-VESK_API uint64_t __VeskGetCurrentThreadId(void);           /* 0 */
-VESK_API uint32_t __VeskGetNativeThreadId(void);            /* 0; the identity under which locks record their owner */
+VESK_API uint64_t __VeskGetCurrentThreadId(void); /* 0 */
+VESK_API uint32_t __VeskGetNativeThreadId(void);  /* 0; the identity under which locks record their owner */
 VESK_API uint64_t __VeskGetNativeParentThreadId(void);      /* 0 */
 VESK_API uint32_t __VeskTlsAlloc(void);                     /* VESK_INVALID_ID */
 VESK_API int __VeskTlsFree(uint32_t slot);                  /* 0 */
@@ -92,11 +94,12 @@ VESK_API int32_t __VeskGetPid(void);                        /* -1 */
 
 /* ---- Start-up ---- */
 
-VESK_API extern int32_t __veskRtStarted;            /* 0 until start-up has completed, then 1 for good */
-VESK_API extern int32_t __veskNumberOfProcessors;   /* 1 until start-up has counted them; locks spin only above 1 */
+VESK_API extern int32_t __veskRtStarted; /* 0 until start-up has completed, then 1 for good */
+VESK_API extern int32_t
+    __veskNumberOfProcessors; /* 1 until start-up has counted them; locks spin only above 1 */
 
-/* Counts the processors, registers the library's own log messages and marks the runtime as started. Runs once, however
- * many threads call it; every call returns VESK_VERSION_CODE, after the work has been done. */
+/* Counts the processors, registers the library's own log messages and marks the runtime as started. Runs
+ * once, however many threads call it; every call returns VESK_VERSION_CODE, after the work has been done. */
 VESK_API uint32_t __VeskRtStartup(void);
 
 /* Does nothing: no structure of the library is torn down at process end. */

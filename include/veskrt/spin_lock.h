@@ -1,11 +1,12 @@
 /* A recursive spin lock, embedded in the caller's own record.
  *
- * For short sections, where waiting costs less than sleeping: a busy lock is re-read up to its spin count and then the
- * processor is yielded; on a one-processor machine every busy reading yields. There is no queue and no fairness. The
- * holder may take it again and must release it as often; release does not check who calls.
+ * For short sections, where waiting costs less than sleeping: a busy lock is re-read up to its spin count and
+ * then the processor is yielded; on a one-processor machine every busy reading yields. There is no queue and
+ * no fairness. The holder may take it again and must release it as often; release does not check who calls.
  *
- * Owners are told apart by the native thread id hook (veskrt/runtime.h). While no hook is installed every caller has the
- * identity 0 and the lock guards nothing, which is sound only while the process has one thread.
+ * Owners are told apart by the native thread id hook (veskrt/runtime.h). While no hook is installed every
+ * caller has the identity 0 and the lock guards nothing, which is sound only while the process has one
+ * thread.
  *
  *     VeskSpinLock lock;
  *     __VeskInitializeSpinLockAndSpinCount(&lock, 500);
@@ -38,8 +39,8 @@ VESK_API int __VeskIsSpinLockAcquiredByCallingThread(const VeskSpinLock* lock);
 /* Returns once the caller holds the lock. */
 VESK_API void __VeskAcquireSpinLock(VeskSpinLock* lock);
 
-/* Returns 1 if the caller now holds the lock. Never yields. With `tries` 0, or on one processor, it makes a single
- * attempt; otherwise every busy reading and every failed attempt uses up one of `tries`. */
+/* Returns 1 if the caller now holds the lock. Never yields. With `tries` 0, or on one processor, it makes a
+ * single attempt; otherwise every busy reading and every failed attempt uses up one of `tries`. */
 VESK_API int __VeskTryToAcquireSpinLock(VeskSpinLock* lock, uint32_t tries);
 
 /* Gives one acquisition back. A free lock is left alone. */

@@ -16,8 +16,8 @@ typedef struct VeskCpuid {
 /* Bytes in a memory page. */
 VESK_API uint32_t __VeskGetNativePageSize(void);
 
-/* Processors, from /proc/stat, else from /proc/cpuinfo; 0 when neither can be read. Reads files: start-up keeps the answer
- * in __veskNumberOfProcessors. */
+/* Processors, from /proc/stat, else from /proc/cpuinfo; 0 when neither can be read. Reads files: start-up
+ * keeps the answer in __veskNumberOfProcessors. */
 VESK_API uint32_t __VeskGetNProcs(void);
 
 /* Executes cpuid for a leaf and sub-leaf; a null record is ignored. */

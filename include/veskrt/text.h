@@ -1,7 +1,8 @@
 /* Files, paths and text: what the library and its collectors use instead of calling the C library directly.
  *
- * Strings that these functions return are allocated with __VeskMalloc in category 0 and released with __VeskFree (or the
- * release function named here). No locks; only the logical clock is shared, and it is atomic. */
+ * Strings that these functions return are allocated with __VeskMalloc in category 0 and released with
+ * __VeskFree (or the release function named here). No locks; only the logical clock is shared, and it is
+ * atomic. */
 #ifndef VESKRT_TEXT_H
 #define VESKRT_TEXT_H
 
@@ -23,11 +24,12 @@ VESK_API size_t __VeskFwrite(const void* buffer, size_t size, size_t count, FILE
 VESK_API int __VeskFseek(FILE* stream, long offset, int origin);
 VESK_API int __VeskFprintf(FILE* stream, const char* format, ...) VESK_PRINTF(2, 3);
 
-/* As fopen, but the stream never takes descriptor 0, 1 or 2, whichever of them are closed; they are closed again when it
- * returns. `error`, if given, receives errno. Null on failure. */
+/* As fopen, but the stream never takes descriptor 0, 1 or 2, whichever of them are closed; they are closed
+ * again when it returns. `error`, if given, receives errno. Null on failure. */
 VESK_API FILE* __VeskFopen(const char* path, const char* mode, int* error);
 
-/* The same for a wide path and mode, without the care for descriptors 0 to 2. Null also when one cannot be converted. */
+/* The same for a wide path and mode, without the care for descriptors 0 to 2. Null also when one cannot be
+ * converted. */
 VESK_API FILE* __VeskWFopen(const wchar_t* path, const wchar_t* mode, int* error);
 
 /* ---- Bounded formatting: as vsnprintf ---- */
@@ -46,8 +48,8 @@ VESK_API char* __VeskStrSCncpy(char* destination, const char* source, size_t siz
 
 /* ---- Paths ---- */
 
-/* A new string: what follows the last '/'; the whole path if it has none behind its first character; empty for a path that ends
- * in '/'; null for an empty path. */
+/* A new string: what follows the last '/'; the whole path if it has none behind its first character; empty
+ * for a path that ends in '/'; null for an empty path. */
 VESK_API char* __VeskGetBaseName(const char* path);
 VESK_API char* __VeskGetSCBaseName(const char* path);
 
@@ -64,8 +66,8 @@ VESK_API void __VeskConvertUtf8ToLowerCase(char* text);
 
 /* ---- Multibyte and wide strings, under the current locale ---- */
 
-/* Convert into a buffer of `bytes` bytes. Return the characters (bytes) converted; 0 when the text is empty, cannot be
- * converted, or does not fit with its terminator. */
+/* Convert into a buffer of `bytes` bytes. Return the characters (bytes) converted; 0 when the text is empty,
+ * cannot be converted, or does not fit with its terminator. */
 VESK_API size_t __VeskUtf8ToWstring(wchar_t* buffer, size_t bytes, const char* text);
 VESK_API size_t __VeskWstringToUtf8(char* buffer, size_t bytes, const wchar_t* text);
 

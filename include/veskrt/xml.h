@@ -1,10 +1,12 @@
 /* A streaming XML writer for result files, and what the log is written with.
  *
- * It writes straight to a stream and keeps nothing but the nesting depth, which sets the indentation (one tab a level). It
- * allocates only when a file is created. String values are escaped; attribute values and element names are not, so pass text
- * that is safe there. Errors of single writes are not reported; a null handle makes every operation do nothing.
+ * It writes straight to a stream and keeps nothing but the nesting depth, which sets the indentation (one tab
+ * a level). It allocates only when a file is created. String values are escaped; attribute values and element
+ * names are not, so pass text that is safe there. Errors of single writes are not reported; a null handle
+ * makes every operation do nothing.
  *
- * The writing functions take no lock. Bracket a whole record with acquire and release, so that threads take turns:
+ * The writing functions take no lock. Bracket a whole record with acquire and release, so that threads take
+ * turns:
  *
  *     VeskXMLFile* file = __VeskXMLCreateFile("result.xml", 0);
  *     __VeskXMLAcquireFile(file);
@@ -13,7 +15,8 @@
  *     __VeskXMLFinishWritingOpeningTag(file);
  *     __VeskXMLWriteStringElement(file, "name", "a < b");
  *     __VeskXMLWriteClosingTag(file, "site");
- *     __VeskXMLReleaseFile(file);                                // flushes: the record is with the system now
+ *     __VeskXMLReleaseFile(file);                                // flushes: the record is with the system
+ * now
  *     __VeskXMLCloseFile(&file);
  */
 #ifndef VESKRT_XML_H
@@ -27,18 +30,20 @@ VESK_BEGIN_DECLS
 
 typedef struct VeskXMLFile VeskXMLFile;
 
-/* Creates the file anew and writes the XML header, or, with `append`, opens it at its end, writes nothing and takes one
- * element for open already. Null when it cannot be opened. Never lands on descriptors 0 to 2. */
+/* Creates the file anew and writes the XML header, or, with `append`, opens it at its end, writes nothing and
+ * takes one element for open already. Null when it cannot be opened. Never lands on descriptors 0 to 2. */
 VESK_API VeskXMLFile* __VeskXMLCreateFile(const char* path, int append);
 
-/* Makes sure the stream works: 1 if it does, or if the path could be opened again for appending; else 0. The stream that
- * stopped working is not closed. */
+/* Makes sure the stream works: 1 if it does, or if the path could be opened again for appending; else 0. The
+ * stream that stopped working is not closed. */
 VESK_API int __VeskXMLReopenFile(VeskXMLFile* file);
 
-/* Closes the stream, releases the handle and sets the caller's variable to null; if closing fails, both stay. */
+/* Closes the stream, releases the handle and sets the caller's variable to null; if closing fails, both stay.
+ */
 VESK_API void __VeskXMLCloseFile(VeskXMLFile** file);
 
-/* For a child process that inherited a handle: releases it and sets the variable to null without touching stream or lock. */
+/* For a child process that inherited a handle: releases it and sets the variable to null without touching
+ * stream or lock. */
 VESK_API void __VeskXMLCleanupAfterFork(VeskXMLFile** file);
 
 /* Hold the file for one record (recursive); release flushes first. */
@@ -55,7 +60,8 @@ VESK_API void __VeskXMLStartWritingOpeningTag(VeskXMLFile* file, const char* nam
 VESK_API void __VeskXMLWriteIntegerAttribute(VeskXMLFile* file, const char* name, int32_t value);
 VESK_API void __VeskXMLWriteStringAttribute(VeskXMLFile* file, const char* name, const char* value);
 VESK_API void __VeskXMLWriteHexadecimalAttribute(VeskXMLFile* file, const char* name, uint64_t value);
-VESK_API void __VeskXMLWriteHexadecimalAddressAttribute(VeskXMLFile* file, const char* name, uint64_t address);
+VESK_API void __VeskXMLWriteHexadecimalAddressAttribute(VeskXMLFile* file, const char* name,
+                                                        uint64_t address);
 VESK_API void __VeskXMLFinishWritingOpeningTag(VeskXMLFile* file);
 
 /* The escaped text on the current line; beyond 65,535 bytes it is cut, never inside an entity. */

@@ -12,8 +12,8 @@ struct ChildResult {
   std::string output;  // what it wrote to standard output and standard error
 };
 
-// Forks; the child runs `body` in the test's directory and leaves with status 0 if it returns. A child that takes longer than
-// 60 seconds is killed.
+// Forks; the child runs `body` in the test's directory and leaves with status 0 if it returns. A child that
+// takes longer than 60 seconds is killed.
 ChildResult runInChild(const std::function<void()>& body);
 
 // The whole of a file; empty when there is none.

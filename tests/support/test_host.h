@@ -1,4 +1,5 @@
-// A host for tests: counts what the library takes from it, fails on demand, and calls back in the middle of an allocation.
+// A host for tests: counts what the library takes from it, fails on demand, and calls back in the middle of
+// an allocation.
 #pragma once
 
 #include <atomic>

@@ -70,9 +70,7 @@ std::uint64_t collect() {
 }
 
 // Whole 64 KiB units for `bytes`, one to spare, less the 16 bytes that the allocator leaves off every slab.
-std::uint32_t probeSize(std::uint32_t bytes) {
-  return ((bytes + 0x1000F) & ~std::uint32_t{0xFFFF}) - 16;
-}
+std::uint32_t probeSize(std::uint32_t bytes) { return ((bytes + 0x1000F) & ~std::uint32_t{0xFFFF}) - 16; }
 
 // Asks the host for the probe's size and keeps what is known of the logged collection over to the next
 // attempt.
@@ -114,9 +112,7 @@ void probe(std::uint32_t size) {
 
 } // namespace
 
-void forgetLoggedCollection() noexcept {
-  collectionLogged = 0;
-}
+void forgetLoggedCollection() noexcept { collectionLogged = 0; }
 
 void checkPressure() noexcept {
   if (loadRelaxed(collectionEnabled) == 0) return;
@@ -171,9 +167,7 @@ uint32_t __VeskRegisterMemoryCollector(VeskMemoryCollector collector) {
   return 0;
 }
 
-void __VeskInitializeMemoryCollector() {
-  __VeskInitializeMemoryCollectorAndReserveMemory(0);
-}
+void __VeskInitializeMemoryCollector() { __VeskInitializeMemoryCollectorAndReserveMemory(0); }
 
 void __VeskInitializeMemoryCollectorAndReserveMemory(uint32_t reserveBlocks) {
   ScopedOnceGuard guard(initializationGuard);

@@ -50,19 +50,13 @@ struct CategoryName {
   char text[VESK_MEMORY_CATEGORY_NAME_SIZE];
 };
 
-void note(const char* text) {
-  __VeskLogInternal(VESKLOG_SEVERITY_INFO, VESKLOG_MSG_COMMENT, 0, text);
-}
+void note(const char* text) { __VeskLogInternal(VESKLOG_SEVERITY_INFO, VESKLOG_MSG_COMMENT, 0, text); }
 
 } // namespace
 
-bool statisticsOn() noexcept {
-  return loadRelaxed(statisticsFlag) != 0;
-}
+bool statisticsOn() noexcept { return loadRelaxed(statisticsFlag) != 0; }
 
-std::uint64_t totalAllocated() noexcept {
-  return loadRelaxed(total);
-}
+std::uint64_t totalAllocated() noexcept { return loadRelaxed(total); }
 
 void countCollection() noexcept {
   ScopedSpinLock scope(statisticsLock);
@@ -152,9 +146,7 @@ uint32_t __VeskGetNumMemoryCategories() {
   return std::min(loadRelaxed(categoryCount), VESK_MAX_MEMORY_CATEGORIES);
 }
 
-void __VeskEnableMemoryStatisticsCollection() {
-  storeRelaxed(statisticsFlag, 1);
-}
+void __VeskEnableMemoryStatisticsCollection() { storeRelaxed(statisticsFlag, 1); }
 
 int __VeskGetMemoryInfoByCategory(uint32_t category, VeskMemoryCategoryInfo* info) {
   if (info == nullptr || category >= __VeskGetNumMemoryCategories()) return 0;
@@ -170,6 +162,4 @@ uint64_t __VeskGetPeakTotalMemoryAllocated() {
   return peak != 0 ? peak : loadRelaxed(total);
 }
 
-uint64_t __VeskGetTotalTimesMemoryCollected() {
-  return loadRelaxed(collections);
-}
+uint64_t __VeskGetTotalTimesMemoryCollected() { return loadRelaxed(collections); }

@@ -61,9 +61,7 @@ constexpr std::size_t kRows = std::size_t{VESK_MAX_MEMORY_CATEGORIES} * kClasses
 
 constinit Row* rows = nullptr;
 
-std::uint64_t& headerOf(void* pointer) {
-  return static_cast<std::uint64_t*>(pointer)[-1];
-}
+std::uint64_t& headerOf(void* pointer) { return static_cast<std::uint64_t*>(pointer)[-1]; }
 
 [[gnu::always_inline]] inline Row& rowOf(Row* table, std::uint32_t category, std::uint32_t sizeClass) {
   return table[category * kClasses + (sizeClass - 1)];
@@ -108,9 +106,7 @@ void* allocateFromHost(std::uint64_t bytes) {
   return block;
 }
 
-std::uint64_t nominalSlabSize(std::uint32_t shift) {
-  return std::uint64_t{1} << (16 + shift);
-}
+std::uint64_t nominalSlabSize(std::uint32_t shift) { return std::uint64_t{1} << (16 + shift); }
 
 // A slab with every chunk on its free list, in address order.
 Slab* makeSlab(std::uint32_t category, std::uint32_t sizeClass, std::uint32_t shift) {
@@ -157,9 +153,7 @@ Slab* makeSlab(std::uint32_t category, std::uint32_t sizeClass, std::uint32_t sh
 }
 
 // Without memory there is no log to write to.
-[[noreturn, gnu::noinline]] void endWithoutMemory() {
-  __VeskExitHandler(-1);
-}
+[[noreturn, gnu::noinline]] void endWithoutMemory() { __VeskExitHandler(-1); }
 
 // Every chunk of the slab is free. Caller holds the row.
 [[gnu::noinline]] void releaseSlab(Row& row, Slab* slab) {

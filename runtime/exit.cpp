@@ -14,9 +14,7 @@ constinit VeskExitHandler exitHandler = nullptr;
 
 } // namespace
 
-void __VeskSetExitHandler(VeskExitHandler handler) {
-  storeRelaxed(exitHandler, handler);
-}
+void __VeskSetExitHandler(VeskExitHandler handler) { storeRelaxed(exitHandler, handler); }
 
 void __VeskExitHandler(int32_t exitCode) {
   const VeskExitHandler handler = loadRelaxed(exitHandler);

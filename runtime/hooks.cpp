@@ -48,21 +48,11 @@ void __VeskSetGetNativeThreadIdProc(VeskGetNativeThreadIdProc proc) {
 void __VeskSetGetNativeParentThreadIdProc(VeskGetNativeParentThreadIdProc proc) {
   storeRelaxed(__veskGetNativeParentThreadIdProc, proc);
 }
-void __VeskSetTlsAllocProc(VeskTlsAllocProc proc) {
-  storeRelaxed(__veskTlsAllocProc, proc);
-}
-void __VeskSetTlsFreeProc(VeskTlsFreeProc proc) {
-  storeRelaxed(__veskTlsFreeProc, proc);
-}
-void __VeskSetTlsGetValueProc(VeskTlsGetValueProc proc) {
-  storeRelaxed(__veskTlsGetValueProc, proc);
-}
-void __VeskSetTlsSetValueProc(VeskTlsSetValueProc proc) {
-  storeRelaxed(__veskTlsSetValueProc, proc);
-}
-void __VeskSetGetPidProc(VeskGetPidProc proc) {
-  storeRelaxed(pidProc, proc);
-}
+void __VeskSetTlsAllocProc(VeskTlsAllocProc proc) { storeRelaxed(__veskTlsAllocProc, proc); }
+void __VeskSetTlsFreeProc(VeskTlsFreeProc proc) { storeRelaxed(__veskTlsFreeProc, proc); }
+void __VeskSetTlsGetValueProc(VeskTlsGetValueProc proc) { storeRelaxed(__veskTlsGetValueProc, proc); }
+void __VeskSetTlsSetValueProc(VeskTlsSetValueProc proc) { storeRelaxed(__veskTlsSetValueProc, proc); }
+void __VeskSetGetPidProc(VeskGetPidProc proc) { storeRelaxed(pidProc, proc); }
 
 int __VeskSetThreadProcs(VeskCreateThreadProc createThreadProc, VeskEndThreadProc endThreadProc,
                          VeskWaitForThreadProc waitForThreadProc,
@@ -74,27 +64,13 @@ int __VeskSetThreadProcs(VeskCreateThreadProc createThreadProc, VeskEndThreadPro
   return 1;
 }
 
-uint64_t __VeskGetCurrentThreadId() {
-  return ask(__veskGetCurrentThreadIdProc, uint64_t{0});
-}
-uint32_t __VeskGetNativeThreadId() {
-  return ask(__veskGetNativeThreadIdProc, uint32_t{0});
-}
-uint64_t __VeskGetNativeParentThreadId() {
-  return ask(__veskGetNativeParentThreadIdProc, uint64_t{0});
-}
-uint32_t __VeskTlsAlloc() {
-  return ask(__veskTlsAllocProc, VESK_INVALID_ID);
-}
-int __VeskTlsFree(uint32_t slot) {
-  return ask(__veskTlsFreeProc, 0, slot);
-}
+uint64_t __VeskGetCurrentThreadId() { return ask(__veskGetCurrentThreadIdProc, uint64_t{0}); }
+uint32_t __VeskGetNativeThreadId() { return ask(__veskGetNativeThreadIdProc, uint32_t{0}); }
+uint64_t __VeskGetNativeParentThreadId() { return ask(__veskGetNativeParentThreadIdProc, uint64_t{0}); }
+uint32_t __VeskTlsAlloc() { return ask(__veskTlsAllocProc, VESK_INVALID_ID); }
+int __VeskTlsFree(uint32_t slot) { return ask(__veskTlsFreeProc, 0, slot); }
 void* __VeskTlsGetValue(uint32_t slot) {
   return ask(__veskTlsGetValueProc, static_cast<void*>(nullptr), slot);
 }
-int __VeskTlsSetValue(uint32_t slot, void* value) {
-  return ask(__veskTlsSetValueProc, 0, slot, value);
-}
-int32_t __VeskGetPid() {
-  return ask(pidProc, int32_t{-1});
-}
+int __VeskTlsSetValue(uint32_t slot, void* value) { return ask(__veskTlsSetValueProc, 0, slot, value); }
+int32_t __VeskGetPid() { return ask(pidProc, int32_t{-1}); }

@@ -12,8 +12,6 @@ namespace vesk {
   return proc != nullptr ? proc() : 0;
 }
 
-inline bool onOneProcessor() noexcept {
-  return loadRelaxed(__veskNumberOfProcessors) == 1;
-}
+inline bool onOneProcessor() noexcept { return loadRelaxed(__veskNumberOfProcessors) == 1; }
 
 } // namespace vesk

@@ -52,21 +52,13 @@ void __VeskInitializeSharedExclusiveLockAndSpinCount(VeskSharedExclusiveLock* lo
   lock->spinCount = spinCount;
 }
 
-void __VeskAcquireSharedLock(VeskSharedExclusiveLock* lock) {
-  acquireShared(*lock);
-}
+void __VeskAcquireSharedLock(VeskSharedExclusiveLock* lock) { acquireShared(*lock); }
 
-void __VeskReleaseSharedLock(VeskSharedExclusiveLock* lock) {
-  releaseShared(*lock);
-}
+void __VeskReleaseSharedLock(VeskSharedExclusiveLock* lock) { releaseShared(*lock); }
 
-void __VeskAcquireExclusiveLock(VeskSharedExclusiveLock* lock) {
-  acquireExclusive(*lock);
-}
+void __VeskAcquireExclusiveLock(VeskSharedExclusiveLock* lock) { acquireExclusive(*lock); }
 
-void __VeskReleaseExclusiveLock(VeskSharedExclusiveLock* lock) {
-  releaseExclusive(*lock);
-}
+void __VeskReleaseExclusiveLock(VeskSharedExclusiveLock* lock) { releaseExclusive(*lock); }
 
 int __VeskTryToAcquireExclusiveLock(VeskSharedExclusiveLock* lock, uint32_t tries) {
   const std::uint64_t self = nativeThreadId();

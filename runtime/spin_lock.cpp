@@ -20,26 +20,20 @@ void waitForSpinLock(VeskSpinLock& lock) noexcept {
 
 using namespace vesk;
 
-void __VeskInitializeSpinLock(VeskSpinLock* lock) {
-  __VeskInitializeSpinLockAndSpinCount(lock, 0);
-}
+void __VeskInitializeSpinLock(VeskSpinLock* lock) { __VeskInitializeSpinLockAndSpinCount(lock, 0); }
 
 void __VeskInitializeSpinLockAndSpinCount(VeskSpinLock* lock, uint32_t spinCount) {
   *lock = VeskSpinLock{};
   lock->spinCount = spinCount;
 }
 
-int __VeskIsSpinLockInAcquiredState(const VeskSpinLock* lock) {
-  return loadRelaxed(lock->state) == 1;
-}
+int __VeskIsSpinLockInAcquiredState(const VeskSpinLock* lock) { return loadRelaxed(lock->state) == 1; }
 
 int __VeskIsSpinLockAcquiredByCallingThread(const VeskSpinLock* lock) {
   return loadRelaxed(lock->state) == 1 && loadRelaxed(lock->owner) == nativeThreadId();
 }
 
-void __VeskAcquireSpinLock(VeskSpinLock* lock) {
-  acquire(*lock);
-}
+void __VeskAcquireSpinLock(VeskSpinLock* lock) { acquire(*lock); }
 
 int __VeskTryToAcquireSpinLock(VeskSpinLock* lock, uint32_t tries) {
   const std::uint64_t self = nativeThreadId();
@@ -52,6 +46,4 @@ int __VeskTryToAcquireSpinLock(VeskSpinLock* lock, uint32_t tries) {
   return 1;
 }
 
-void __VeskReleaseSpinLock(VeskSpinLock* lock) {
-  release(*lock);
-}
+void __VeskReleaseSpinLock(VeskSpinLock* lock) { release(*lock); }

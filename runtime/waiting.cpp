@@ -15,9 +15,7 @@ constinit std::uint32_t scratch = 0;
 
 } // namespace
 
-int __VeskYield() {
-  return sched_yield();
-}
+int __VeskYield() { return sched_yield(); }
 
 void __VeskSleep(uint32_t count) {
   for (std::uint32_t rounds = count * kRoundsPerUnit; rounds != 0; --rounds) {

@@ -27,7 +27,8 @@ TEST(Categories, AreHandedOutUntilTheTableIsFull) {
   EXPECT_EQ(__VeskGetNumMemoryCategories(), 1u);
   EXPECT_STREQ(info(0).name, "VESK_MISC");
   EXPECT_EQ(__VeskRegisterMemoryCategory(nullptr), VESK_INVALID_ID);
-  EXPECT_NE(test::readFile("vesklog.log").find("<!-- A name must be specified when registering memory categories -->"),
+  EXPECT_NE(test::readFile("vesklog.log")
+                .find("<!-- A name must be specified when registering memory categories -->"),
             std::string::npos);
   EXPECT_EQ(__VeskRegisterMemoryCategory("0123456789012345678901234567890123456789"), 1u);
   EXPECT_STREQ(info(1).name, "0123456789012345678901234567890");
@@ -87,8 +88,8 @@ TEST(Statistics, CountSlabsAndRememberThePeak) {
   EXPECT_EQ(__VeskGetTotalTimesMemoryCollected(), 0u);
 }
 
-// The dump is written under the statistics lock, by the thread whose slab was the hundredth; creating the log for it takes
-// memory, and with it more slabs.
+// The dump is written under the statistics lock, by the thread whose slab was the hundredth; creating the log
+// for it takes memory, and with it more slabs.
 TEST(Statistics, EveryHundredthSlabDumpsIntoTheLog) {
   test::startRuntime();
   const uint32_t mine = __VeskRegisterMemoryCategory("MINE");
@@ -96,7 +97,9 @@ TEST(Statistics, EveryHundredthSlabDumpsIntoTheLog) {
   const auto dumps = [] {
     const std::string log = test::readFile("vesklog.log");
     size_t n = 0;
-    for (size_t at = 0; (at = log.find("<!-- Periodic allocation status dump -->", at)) != std::string::npos; ++at) ++n;
+    for (size_t at = 0; (at = log.find("<!-- Periodic allocation status dump -->", at)) != std::string::npos;
+         ++at)
+      ++n;
     return n;
   };
   for (int i = 0; i < 99; ++i) __VeskMalloc(mine, kHalfSlab, 0), __VeskMalloc(mine, kHalfSlab, 0);
@@ -105,7 +108,8 @@ TEST(Statistics, EveryHundredthSlabDumpsIntoTheLog) {
   EXPECT_EQ(dumps(), 1u);
   const std::string log = test::readFile("vesklog.log");
   EXPECT_NE(log.find("<!-- Allocation status for VESK_MISC                :"), std::string::npos);
-  EXPECT_NE(log.find("<!-- Allocation status for MINE                     :        6553600 -->"), std::string::npos);
+  EXPECT_NE(log.find("<!-- Allocation status for MINE                     :        6553600 -->"),
+            std::string::npos);
 
   std::vector<std::thread> threads;
   for (int t = 0; t < 4; ++t) {

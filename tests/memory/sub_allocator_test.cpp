@@ -51,7 +51,8 @@ TEST(SubAllocatorStart, FirstPairStaysAndNothingWorksBefore) {
 
 TEST_F(SubAllocator, ClassesFromTheSmallestToTheLargest) {
   // Chunks of a fresh slab follow each other: their distance is the chunk size.
-  const std::pair<uint32_t, uint32_t> chunkSizes[] = {{8, 16}, {9, 32}, {24, 32}, {25, 48}, {kLargestSmall, 32736}};
+  const std::pair<uint32_t, uint32_t> chunkSizes[] = {
+      {8, 16}, {9, 32}, {24, 32}, {25, 48}, {kLargestSmall, 32736}};
   for (const auto& [size, chunkSize] : chunkSizes) {
     auto* first = static_cast<char*>(__VeskMalloc(1, size, 0));
     auto* second = static_cast<char*>(__VeskMalloc(1, size, 0));
@@ -75,7 +76,10 @@ TEST_F(SubAllocator, ClassesFromTheSmallestToTheLargest) {
 }
 
 TEST_F(SubAllocator, SlabsHoldAsManyChunksAsTheirSizeAllows) {
-  EXPECT_EQ(allocationsOf([] { for (int i = 0; i < 4092; ++i) __VeskMalloc(3, 1, 0); }), 1u);
+  EXPECT_EQ(allocationsOf([] {
+              for (int i = 0; i < 4092; ++i) __VeskMalloc(3, 1, 0);
+            }),
+            1u);
   EXPECT_EQ(allocationsOf([] { __VeskMalloc(3, 1, 0); }), 1u);
   for (uint32_t shift = 0; shift <= 15; ++shift) {
     const uint64_t request = (uint64_t{1} << (16 + shift)) - 16;
@@ -85,12 +89,14 @@ TEST_F(SubAllocator, SlabsHoldAsManyChunksAsTheirSizeAllows) {
               }),
               1u);
     EXPECT_EQ(test::host().lastRequest, request);
-    EXPECT_EQ(allocationsOf([&] { __VeskMalloc(4 + shift, kLargestSmall, 0); }), 1u) << "slab of shift " << shift;
+    EXPECT_EQ(allocationsOf([&] { __VeskMalloc(4 + shift, kLargestSmall, 0); }), 1u)
+        << "slab of shift " << shift;
   }
 }
 
 TEST_F(SubAllocator, RowKeepsItsLastSlabAndGivesOthersBack) {
-  void* a[2] = {__VeskMalloc(1, kLargestSmall, 0), __VeskMalloc(1, kLargestSmall, 0)}; // two chunks: a whole slab
+  void* a[2] = {__VeskMalloc(1, kLargestSmall, 0),
+                __VeskMalloc(1, kLargestSmall, 0)}; // two chunks: a whole slab
   void* b[2] = {__VeskMalloc(1, kLargestSmall, 0), __VeskMalloc(1, kLargestSmall, 0)};
   const int64_t both = test::host().liveBlocks;
   __VeskFree(a[1]);

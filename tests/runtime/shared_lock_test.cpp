@@ -101,8 +101,8 @@ TEST_F(SharedLock, WaitingWriterKeepsNewReadersBack) {
   expectWords(0, 0, 0, 0);
 }
 
-// A reader that has been counted but has not reached the state yet: the last leaver must not free the lock under it, and a
-// writer may still take a free state past it.
+// A reader that has been counted but has not reached the state yet: the last leaver must not free the lock
+// under it, and a writer may still take a free state past it.
 TEST_F(SharedLock, ReaderOnItsWayIsCounted) {
   __VeskAcquireSharedLock(&lock);
   lock.readerCount = 2; // the newcomer's increment

@@ -73,8 +73,9 @@ void append(const VESK_QEL_DEFINITION& definition) {
 
 int __VeskQELParseDefinition(char* line, VESK_QEL_DEFINITION* definition) {
   char* at = __VeskStripWhiteSpaces(line);
+  if (at == nullptr) return 0;
   int fields = 0;
-  while (at != nullptr && *at != '\0') {
+  while (*at != '\0') {
     if (fields == kFields) {
       __VeskLogInternal(VESKLOG_SEVERITY_INFO, VESKLOG_MSG_COMMENT, 0,
                         "qel_file_parser: Unexpected number of annotation arguments: %d", kFields);

@@ -273,7 +273,8 @@ int32_t __VeskGetLoggerHandle(const char* name) {
 }
 
 int __VeskReleaseLoggerHandle(int32_t handle, const char* name) {
-  if (loadAcquire(logFile) == nullptr || name == nullptr || handle <= 0 || handle >= loggerHandleCount())
+  if (loadAcquire(logFile) == nullptr || name == nullptr || handle <= 0 || handle >= kMostHandles ||
+      handle >= loggerHandleCount())
     return 0;
   const char* stored;
   {

@@ -43,7 +43,7 @@ constinit std::uint32_t tightReportArmed = 1;
 
 struct CategoryName {
   explicit CategoryName(const Category& category) {
-    std::uint64_t words[kNameWords];
+    std::uint64_t words[kNameWords] = {};
     for (std::size_t i = 0; i < kNameWords; ++i) words[i] = loadRelaxed(category.name[i]);
     std::memcpy(text, words, sizeof text);
   }

@@ -1,0 +1,194 @@
+#include "host/events.h"
+
+#include <pthread.h>
+#include <sched.h>
+#include <unistd.h>
+
+#include "host/next.h"
+
+namespace veskhost {
+
+constinit std::atomic<bool> watchingFlag{false};
+
+namespace {
+
+constexpr VeskHostEvents kNobody = {};
+
+constinit VeskHostEvents collectorEvents = {};
+constinit std::atomic<pid_t> ownProcess{0};
+constinit std::atomic<bool> ended{false};
+constinit std::atomic<bool> cancellationAllowed{false};
+
+// How long to wait for threads that are inside the collector, when they may be stuck there.
+constexpr std::uint64_t kPatience = 2000;
+
+// ---- The gate ----
+//
+// A thread counts itself into one of several counters and then looks whether the gate is closed; whoever
+// closes it looks at the counters afterwards. Both are locked instructions, so one of the two sees the other.
+
+constexpr std::uint32_t kCounters = 64;
+
+struct alignas(64) Counter {
+  std::atomic<std::uint32_t> inside;
+};
+
+constinit Counter counters[kCounters] = {};
+constinit std::atomic<std::uint32_t> closed{0}; // how many keep it closed
+
+Counter& ownCounter() noexcept { return counters[threadId() % kCounters]; }
+
+[[gnu::noinline]] void waitAtGate(Counter& counter) noexcept {
+  do {
+    counter.inside.fetch_sub(1);
+    while (closed.load(std::memory_order_relaxed) != 0) sched_yield();
+    counter.inside.fetch_add(1);
+  } while (closed.load() != 0);
+}
+
+void passIn() noexcept {
+  Counter& counter = ownCounter();
+  counter.inside.fetch_add(1);
+  if (closed.load() != 0) [[unlikely]]
+    waitAtGate(counter);
+}
+
+void passOut() noexcept { ownCounter().inside.fetch_sub(1); }
+
+bool nobodyInside() noexcept {
+  std::uint32_t inside = 0;
+  for (const Counter& counter : counters) inside += counter.inside.load();
+  return inside == 0;
+}
+
+// Waits until nobody is inside; false when that takes too long.
+bool waitUntilQuiet(std::uint64_t milliseconds) noexcept {
+  if (nobodyInside()) return true;
+  const std::uint64_t deadline = nowMilliseconds() + milliseconds;
+  while (!nobodyInside()) {
+    if (nowMilliseconds() >= deadline) return false;
+    sched_yield();
+  }
+  return true;
+}
+
+// ---- The end ----
+
+struct Ending {
+  VeskProcessEnd how;
+  int status;
+  std::uint64_t patience;
+};
+
+// In this order, so that nobody else works on what the collector writes: threads of the program, the
+// collector's own threads, the last callback.
+void endCollector(const Ending& ending) noexcept {
+  listener.store(&kNobody);
+  if (ending.patience > 0) waitUntilQuiet(ending.patience);
+  runExitCallbacks();
+  if (collectorEvents.processEnding != nullptr) collectorEvents.processEnding(ending.how, ending.status);
+}
+
+void endFatally(int status) noexcept {
+  if (isOwnProcess() && !ended.exchange(true)) {
+    static constexpr char kText[] =
+        "veskhost: the collector cannot go on, and ends the program; its log says why\n";
+    [[maybe_unused]] const ssize_t ignored = write(STDERR_FILENO, kText, sizeof kText - 1);
+    ScopedCollectorMark mark;
+    endCollector({VESK_END_FATAL, status, 0});
+  }
+  next().exit(status);
+}
+
+} // namespace
+
+constinit std::atomic<const VeskHostEvents*> listener{&kNobody};
+
+Event::Event() noexcept : errno_(errno) {
+  self.mark = Mark::kCollector;
+  passIn();
+  if (cancellationAllowed.load(std::memory_order_relaxed)) [[unlikely]] {
+    cancellationHeld_ = true;
+    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &cancellation_);
+  }
+  listener_ = listener.load(std::memory_order_acquire);
+}
+
+Event::~Event() {
+  if (cancellationHeld_) [[unlikely]]
+    pthread_setcancelstate(cancellation_, nullptr);
+  passOut();
+  self.mark = Mark::kProgram;
+  errno = errno_;
+}
+
+void listen(const VeskHostEvents& events) noexcept {
+  collectorEvents = events;
+  ownProcess.store(getpid(), std::memory_order_relaxed);
+  fatalHook = endFatally;
+  listener.store(&collectorEvents, std::memory_order_release);
+  pthread_atfork(prepareObservedFork, observedForkInParent, observedForkInChild);
+}
+
+bool isOwnProcess() noexcept { return watching() && ownProcess.load(std::memory_order_relaxed) == getpid(); }
+
+// A signal handler may end the process on a thread that is inside the collector. What that thread holds it
+// will not let go, so the end is left to another thread, and given up if that gets stuck.
+void processEnds(VeskProcessEnd how, int status) noexcept {
+  if (!isOwnProcess() || ended.exchange(true)) return;
+  const bool inside = self.mark == Mark::kCollector;
+  ScopedCollectorMark mark;
+  static constinit Ending ending;
+  ending = {how, status, inside ? 100 : kPatience};
+  if (!inside) {
+    endCollector(ending);
+    return;
+  }
+  void* thread;
+  const auto run = [](void* argument) { endCollector(*static_cast<const Ending*>(argument)); };
+  if (createThread(run, &ending, 0, &thread)) waitForThread(&thread, kPatience, nullptr);
+}
+
+void allowCancellation() noexcept {
+  if (!watching() || cancellationAllowed.exchange(true) || self.mark != Mark::kProgram) return;
+  closed.fetch_add(1);
+  waitUntilQuiet(kPatience);
+  closed.fetch_sub(1);
+}
+
+// The forking thread is marked while the gate is closed: a signal handler on it must not wait at its own
+// gate.
+void prepareObservedFork() noexcept {
+  if (!watching()) return;
+  self.markBeforeFork = self.mark;
+  self.quietBeforeFork = false;
+  if (self.mark == Mark::kCollector) return;
+  self.mark = Mark::kCollector;
+  closed.fetch_add(1);
+  self.quietBeforeFork = waitUntilQuiet(kPatience);
+}
+
+void observedForkInParent() noexcept {
+  if (!watching()) return;
+  if (self.markBeforeFork != Mark::kCollector) closed.fetch_sub(1);
+  self.mark = self.markBeforeFork;
+}
+
+// A child whose parent had other threads inside the collector may find locks held for ever: it is left alone,
+// like one that is not to be followed.
+void observedForkInChild() noexcept {
+  if (!watching()) return;
+  for (Counter& counter : counters) counter.inside.store(0, std::memory_order_relaxed);
+  closed.store(0, std::memory_order_relaxed);
+  self.mark = self.markBeforeFork;
+  if (!veskHostFollowsChildren() || !self.quietBeforeFork || ended.load(std::memory_order_relaxed)) {
+    listener.store(&kNobody, std::memory_order_relaxed);
+    return;
+  }
+  ownProcess.store(getpid(), std::memory_order_relaxed);
+  if (!hears(&VeskHostEvents::forkedInChild)) return;
+  Event event;
+  event->forkedInChild();
+}
+
+} // namespace veskhost

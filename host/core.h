@@ -7,7 +7,7 @@
 #include "host/veskhost.h"
 #include "veskrt/runtime.h"
 
-namespace veskhost {
+namespace [[gnu::visibility("hidden")]] veskhost {
 
 // Whose code a thread runs. It decides where a heap call of the thread goes (see interpose_heap.cpp).
 enum class Mark : std::uint32_t {
@@ -101,4 +101,4 @@ void unlockMemory() noexcept;
 // Milliseconds of a clock that is never set.
 std::uint64_t nowMilliseconds() noexcept;
 
-} // namespace veskhost
+} // namespace gnu::visibility("hidden")]]veskhost

@@ -11,7 +11,7 @@
 
 #include "host/core.h"
 
-namespace veskhost {
+namespace [[gnu::visibility("hidden")]] veskhost {
 
 // Set in the constructor when there is a collector; false in a program that is only passed through.
 extern constinit std::atomic<bool> watchingFlag;
@@ -63,4 +63,4 @@ void prepareObservedFork() noexcept;
 void observedForkInParent() noexcept;
 void observedForkInChild() noexcept;
 
-} // namespace veskhost
+} // namespace gnu::visibility("hidden")]]veskhost

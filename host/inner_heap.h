@@ -10,7 +10,9 @@
 #include <cstddef>
 #include <cstdint>
 
-namespace veskhost::inner {
+namespace [[gnu::visibility("hidden")]] veskhost {
+
+namespace inner {
 
 inline constexpr std::size_t kRegion = std::size_t{64} << 20;
 
@@ -29,4 +31,6 @@ void* allocate(std::size_t bytes, std::size_t alignment = 16) noexcept;
 void release(void* block) noexcept;
 std::size_t usableSize(const void* block) noexcept;
 
-} // namespace veskhost::inner
+} // namespace inner
+
+} // namespace gnu::visibility("hidden")]]veskhost

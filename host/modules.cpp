@@ -35,7 +35,7 @@ struct Known {
 constinit SpinLock lock;
 constinit std::atomic<bool> again{false}; // somebody found the lock taken
 // Under the lock.
-constinit Known* known = nullptr;
+constinit Known* known = nullptr; // in the order in which they were found
 constinit std::uint32_t look = 0;
 constinit unsigned long long lastAdds = 0;
 constinit unsigned long long lastSubs = 0;
@@ -103,7 +103,9 @@ Known* makeEntry(const char* name, bool vdso) noexcept {
 void seeModule(const dl_phdr_info& info) noexcept {
   const Extent extent = extentOf(info);
   if (extent.end == 0) return;
-  for (Known* entry = known; entry != nullptr; entry = entry->next) {
+  Known** place = &known;
+  for (; *place != nullptr; place = &(*place)->next) {
+    Known* entry = *place;
     if (entry->module.start == extent.start && entry->module.end == extent.end &&
         std::strcmp(loaderName(*entry), info.dlpi_name) == 0) {
       entry->seen = look;
@@ -129,8 +131,7 @@ void seeModule(const dl_phdr_info& info) noexcept {
     loaderStart = extent.start;
     loaderSize = extent.end - extent.start;
   }
-  entry->next = known;
-  known = entry;
+  *place = entry;
 }
 
 // Namespaces that dlmopen has made are in no list but the debugger's. Called under the loader's lock.

@@ -6,7 +6,7 @@
 
 #include "host/events.h"
 
-namespace veskhost {
+namespace [[gnu::visibility("hidden")]] veskhost {
 
 // The dynamic loader's own code. A heap call from there says that modules may be coming or going: the loader
 // takes a module's records from the program's heap before the module runs, and gives them back after it is
@@ -25,4 +25,4 @@ void lookForModules(const Event& event) noexcept;
 // The same from a thread that need not be observed, or be inside.
 void lookForModules() noexcept;
 
-} // namespace veskhost
+} // namespace gnu::visibility("hidden")]]veskhost

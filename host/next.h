@@ -9,7 +9,7 @@
 #include <sys/types.h>
 #include <threads.h>
 
-namespace veskhost {
+namespace [[gnu::visibility("hidden")]] veskhost {
 
 struct Next {
   // Until the heap functions are looked up, functions that look them up: never null.
@@ -54,4 +54,4 @@ inline const Next& next() noexcept {
   return nextFunctions;
 }
 
-} // namespace veskhost
+} // namespace gnu::visibility("hidden")]]veskhost

@@ -6,7 +6,7 @@
 
 #include <sched.h>
 
-namespace veskhost {
+namespace [[gnu::visibility("hidden")]] veskhost {
 
 class SpinLock {
 public:
@@ -31,4 +31,4 @@ private:
   SpinLock& lock_;
 };
 
-} // namespace veskhost
+} // namespace gnu::visibility("hidden")]]veskhost

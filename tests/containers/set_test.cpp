@@ -1,0 +1,186 @@
+#include "veskrt/set.h"
+
+#include <algorithm>
+#include <functional>
+#include <map>
+#include <random>
+#include <ranges>
+#include <utility>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "containers/live_chunks.h"
+#include "support/test_host.h"
+
+namespace {
+
+using Model = std::map<uint32_t, uint32_t>; // element -> multiplicity, never 0
+
+// What both kinds offer, under one name each.
+void add(Set* set, uint32_t e) { __VeskAddAnElementToSet(set, e); }
+void add(MultiSet* set, uint32_t e) { __VeskAddAnElementToMultiSet(set, e); }
+void remove(Set* set, uint32_t e) { __VeskDeleteAnElementFromSet(set, e); }
+void remove(MultiSet* set, uint32_t e) { __VeskDeleteAnElementFromMultiSet(set, e); }
+void empty(Set* set) { __VeskEmptySet(set); }
+void empty(MultiSet* set) { __VeskEmptyMultiSet(set); }
+void copy(Set* set, const Set* src) { __VeskConstructSet(set, src); }
+void copy(MultiSet* set, const MultiSet* src) { __VeskConstructMultiSet(set, src); }
+void move(Set* set, Set* src) { __VeskConstructSetAndDestroy(set, src); }
+void move(MultiSet* set, MultiSet* src) { __VeskConstructMultiSetAndDestroy(set, src); }
+void unite(Set* set, const Set* src) { __VeskUnionSet(set, src); }
+void unite(MultiSet* set, const MultiSet* src) { __VeskUnionMultiSet(set, src); }
+void subtract(Set* set, const Set* src) { __VeskDifferenceSet(set, src); }
+void subtract(MultiSet* set, const MultiSet* src) { __VeskDifferenceMultiSet(set, src); }
+void destroy(Set* set) { __VeskDestroySet(set); }
+void destroy(MultiSet* set) { __VeskDestroyMultiSet(set); }
+void intersect(Set* set, const Set* a, const Set* b) { __VeskIntersectSet(set, a, b); }
+void intersect(MultiSet* set, const MultiSet* a, const MultiSet* b) { __VeskIntersectMultiSet(set, a, b); }
+int equal(const Set* a, const Set* b) { return __VeskAreSetsEqual(a, b); }
+int equal(const MultiSet* a, const MultiSet* b) { return __VeskAreMultiSetsEqual(a, b); }
+template <class Header>
+constexpr uint32_t kMost = std::is_same_v<Header, Set> ? 1 : UINT32_MAX; // multiplicity
+
+uint32_t bit(const uint32_t (&presence)[2], uint32_t position) {
+  return presence[position >> 5] >> (position & 31) & 1;
+}
+uint32_t stored(const SetChunk& chunk, uint32_t position) { return bit(chunk.presence, position); }
+uint32_t stored(const MultiSetChunk& chunk, uint32_t position) { return chunk.multiplicities[position]; }
+
+template <class Header>
+auto chunksOf(const Header& set) {
+  std::vector<decltype(set.chunks)> chunks;
+  for (auto* chunk = set.chunks; chunk != nullptr; chunk = chunk->next) chunks.push_back(chunk);
+  return chunks;
+}
+
+template <class Header>
+void expectHolds(const Header& set, const Model& model, uint32_t category) {
+  Model held;
+  int64_t base = -1;
+  for (const auto* chunk : chunksOf(set)) {
+    EXPECT_LT(std::exchange(base, chunk->base), chunk->base);
+    EXPECT_NE(chunk->presence[0] | chunk->presence[1], 0u);
+    for (uint32_t p = 0; p < 64; ++p) {
+      if (stored(*chunk, p) != 0) held[chunk->base * 64 + p] = stored(*chunk, p);
+      EXPECT_EQ(stored(*chunk, p) != 0, bit(chunk->presence, p));
+    }
+  }
+  EXPECT_EQ(held, model);
+  EXPECT_EQ(set.count, model.size());
+  EXPECT_EQ(set.category, category);
+}
+
+// The model's set algebra; a multiplicity is whatever `combined` makes of the two, one of which may be 0.
+template <class Combine>
+Model combine(const Model& a, const Model& b, Combine combined) {
+  const auto in = [](const Model& m, uint32_t e) { return m.contains(e) ? m.at(e) : 0; };
+  Model all = a, result;
+  all.insert(b.begin(), b.end());
+  for (const auto& [e, ignored] : all) {
+    if (const uint32_t multiplicity = combined(in(a, e), in(b, e))) result[e] = multiplicity;
+  }
+  return result;
+}
+
+// Elements come from few chunks, at both ends of the range, so that chunks meet, fill and empty.
+uint32_t anElement(std::mt19937& random) {
+  constexpr uint32_t kBases[] = {0, 1, 2, 17, 18, 1u << 20, (1u << 26) - 2, (1u << 26) - 1};
+  constexpr uint32_t kPositions[] = {0, 1, 30, 31, 32, 33, 62, 63};
+  return kBases[random() % 8] * 64 + kPositions[random() % 8];
+}
+
+constexpr auto kSmaller = [](uint32_t a, uint32_t b) { return std::min(a, b); };
+
+// What only one kind has, against the models.
+void checkOwn(std::mt19937& random, Set& a, Model& inA, const Set& b, const Model& inB) {
+  const Model shared = combine(inA, inB, kSmaller);
+  const int32_t difference = static_cast<int32_t>(inA.size()) - static_cast<int32_t>(inB.size());
+  EXPECT_EQ(__VeskCompareSets(&a, &b), difference != 0 ? difference : inA != inB);
+  EXPECT_EQ(__VeskAreSetsDisjoint(&a, &b), &a != &b && shared.empty());
+  EXPECT_EQ(__VeskIsASubsetOfSet(&a, &b), &a != &b && shared == inA);
+  const uint32_t e = anElement(random);
+  EXPECT_EQ(__VeskIsAnElementOfSet(&a, e), inA.contains(e) ? 1u << (e & 31) : 0);
+  std::vector<uint32_t> visited;
+  const auto visit = [](uint32_t x, void* list) { static_cast<decltype(visited)*>(list)->push_back(x); };
+  __VeskScanSet(&a, visit, &visited);
+  EXPECT_TRUE(std::ranges::equal(visited, std::views::keys(inA)));
+}
+
+void checkOwn(std::mt19937& random, MultiSet& a, Model& inA, const MultiSet&, const Model&) {
+  EXPECT_EQ(__VeskIsMultiSetEmpty(&a), inA.empty());
+  const uint32_t e = anElement(random);
+  EXPECT_EQ(__VeskGetElementMultiplicity(&a, e), inA.contains(e) ? inA.at(e) : 0);
+  __VeskDeleteAllInstancesOfAnElementFromMultiSet(&a, e);
+  inA.erase(e);
+  Set once = {};
+  Model inOnce;
+  for (uint32_t n = random() % 8; n != 0; --n) add(&once, inOnce.insert({anElement(random), 1}).first->first);
+  __VeskUnionMultiSetSet(&a, &once);
+  inA = combine(inA, inOnce, std::plus<uint32_t>());
+  expectHolds(once, inOnce, 0);
+  __VeskDestroySet(&once);
+}
+
+// Random operations on four headers, any of which may meet itself; everything is compared after every step.
+template <class Header>
+void compareWithModel() {
+  test::startRuntime();
+  __VeskEnableMemoryStatisticsCollection();
+  uint32_t categories[] = {0, 0, 0, 255};
+  for (int i = 0; i < 3; ++i) categories[i] = __VeskRegisterMemoryCategory("sets");
+  for (uint32_t seed = 0; seed < 60 && !testing::Test::HasFailure(); ++seed) {
+    std::mt19937 random(seed);
+    Header sets[4] = {};
+    Model models[4];
+    for (int i = 0; i < 4; ++i) sets[i].category = categories[i];
+    for (int step = 0; step < 600 && !testing::Test::HasFailure(); ++step) {
+      const uint32_t d = random() % 4, s = random() % 4, t = random() % 4, what = random() % 24;
+      SCOPED_TRACE(testing::Message() << "seed " << seed << " step " << step << " operation " << what);
+      Header &dst = sets[d], &src = sets[s];
+      Model &to = models[d], &from = models[s];
+      const auto before = chunksOf(dst), source = chunksOf(src);
+      if (d != s && (what == 2 || what == 5 || what == 6)) dst.count = 0xFFFFFF; // they count anew
+      if (what == 0) {
+        empty(&dst), to.clear();
+      } else if (what == 1) {
+        copy(&dst, &src), to = from;
+      } else if (what <= 3) {
+        intersect(&dst, &src, &sets[t]), to = combine(from, models[t], kSmaller);
+      } else if (what == 4) {
+        move(&dst, &src);
+        if (d != s) to = std::exchange(from, {});
+        EXPECT_EQ(chunksOf(dst), source);
+      } else if (what == 5) {
+        unite(&dst, &src);
+        to = combine(to, from, [&](uint32_t a, uint32_t b) { return std::min(kMost<Header>, a + b); });
+      } else if (what == 6) {
+        subtract(&dst, &src);
+        to = combine(to, from, [](uint32_t a, uint32_t b) { return a - std::min(a, b); });
+      } else if (what == 7) {
+        checkOwn(random, dst, to, src, from);
+      } else if (what <= 11) {
+        const uint32_t e = anElement(random);
+        remove(&dst, e);
+        if (to.contains(e) && --to[e] == 0) to.erase(e);
+      } else {
+        const uint32_t e = anElement(random);
+        add(&dst, e), to[e] = std::min(kMost<Header>, to[e] + 1);
+      }
+      if (what >= 1 && what <= 3) { // the chunks that dst had are used again
+        const auto after = chunksOf(dst);
+        const auto [left, added] = std::ranges::mismatch(before, after);
+        EXPECT_TRUE(left == before.end() || added == after.end());
+      }
+      EXPECT_EQ(equal(&dst, &src), to == from);
+      for (int i = 0; i < 4; ++i) expectHolds(sets[i], models[i], categories[i]);
+    }
+    for (int i = 0; i < 4; ++i) destroy(&sets[i]), expectHolds(sets[i], {}, categories[i]);
+  }
+  for (int i = 0; i < 3; ++i) EXPECT_EQ(test::liveChunks(categories[i], sizeof(*Header::chunks)), 0);
+}
+
+} // namespace
+
+TEST(Set, AgreesWithAModel) { compareWithModel<Set>(); }
+TEST(MultiSet, AgreesWithAModel) { compareWithModel<MultiSet>(); }

@@ -11,9 +11,9 @@
 //   add(chunk, position)            puts an element in; says whether it was absent
 //   count(chunk)                    the elements in a chunk
 //   unite(chunk, from)              puts in what another chunk has
-//   intersect(chunk, a, b)          makes the contents those that two chunks share; either may be the chunk
-//   itself subtract(chunk, from)           takes out what another chunk has equal(a, b) do two chunks hold
-//   the same?
+//   intersect(chunk, a, b)          gives it what two chunks share; either may be the chunk itself
+//   subtract(chunk, from)           takes out what another chunk has
+//   equal(a, b)                     do two chunks hold the same?
 #pragma once
 
 #include <bit>

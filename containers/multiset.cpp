@@ -75,7 +75,6 @@ private:
   template <class Combine>
   static void combine(MultiSetChunk& to, const MultiSetChunk& a, const MultiSetChunk& b,
                       Combine combined) noexcept {
-
     for (std::size_t p = 0; p < std::size(to.multiplicities); ++p) {
       to.multiplicities[p] = combined(a.multiplicities[p], b.multiplicities[p]);
     }

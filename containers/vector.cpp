@@ -1,5 +1,5 @@
-// Vectors. A page exists once an element of it has been written; elements at or beyond the size are 0
-// wherever they are stored.
+// Vectors. A missing page stands for 256 zeros; an index below the size whose page exists takes the short
+// way. What a page stores at or beyond the size is 0.
 
 #include "veskrt/vector.h"
 

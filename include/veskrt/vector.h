@@ -26,8 +26,8 @@ VESK_BEGIN_DECLS
 typedef struct Vector {
   uint64_t* pages[VESK_VECTOR_PAGES];        /* null for a page never written; slot 0 is always firstPage */
   uint64_t firstPage[VESK_VECTOR_PAGE_SIZE]; /* elements 0 to 255 */
-  uint32_t size : 24;                        /* one more than the highest index ever written; 0 when none */
-  uint32_t category : 8;                     /* memory category of the pages that this vector allocates */
+  uint32_t size : 24;    /* one more than the highest index written, or as copied; 0 when none */
+  uint32_t category : 8; /* memory category of the pages that this vector allocates */
 } Vector;
 
 /* Makes a record of the caller's an empty vector, and returns it. Its pages from 1 on, if any come to be

@@ -17,29 +17,14 @@ namespace {
 
 using Model = std::map<uint32_t, uint32_t>; // element -> multiplicity, never 0
 
-// What both kinds offer, under one name each.
-void add(Set* set, uint32_t e) { __VeskAddAnElementToSet(set, e); }
-void add(MultiSet* set, uint32_t e) { __VeskAddAnElementToMultiSet(set, e); }
-void remove(Set* set, uint32_t e) { __VeskDeleteAnElementFromSet(set, e); }
-void remove(MultiSet* set, uint32_t e) { __VeskDeleteAnElementFromMultiSet(set, e); }
-void empty(Set* set) { __VeskEmptySet(set); }
-void empty(MultiSet* set) { __VeskEmptyMultiSet(set); }
-void copy(Set* set, const Set* src) { __VeskConstructSet(set, src); }
-void copy(MultiSet* set, const MultiSet* src) { __VeskConstructMultiSet(set, src); }
-void move(Set* set, Set* src) { __VeskConstructSetAndDestroy(set, src); }
-void move(MultiSet* set, MultiSet* src) { __VeskConstructMultiSetAndDestroy(set, src); }
-void unite(Set* set, const Set* src) { __VeskUnionSet(set, src); }
-void unite(MultiSet* set, const MultiSet* src) { __VeskUnionMultiSet(set, src); }
-void subtract(Set* set, const Set* src) { __VeskDifferenceSet(set, src); }
-void subtract(MultiSet* set, const MultiSet* src) { __VeskDifferenceMultiSet(set, src); }
-void destroy(Set* set) { __VeskDestroySet(set); }
-void destroy(MultiSet* set) { __VeskDestroyMultiSet(set); }
-void intersect(Set* set, const Set* a, const Set* b) { __VeskIntersectSet(set, a, b); }
-void intersect(MultiSet* set, const MultiSet* a, const MultiSet* b) { __VeskIntersectMultiSet(set, a, b); }
-int equal(const Set* a, const Set* b) { return __VeskAreSetsEqual(a, b); }
-int equal(const MultiSet* a, const MultiSet* b) { return __VeskAreMultiSetsEqual(a, b); }
-template <class Header>
-constexpr uint32_t kMost = std::is_same_v<Header, Set> ? 1 : UINT32_MAX; // multiplicity
+// What holds for sets, or for multisets.
+template <class Header, class ForSets, class ForMultiSets>
+auto pick(ForSets forSets, ForMultiSets forMultiSets) {
+  if constexpr (std::is_same_v<Header, Set>)
+    return forSets;
+  else
+    return forMultiSets;
+}
 
 uint32_t bit(const uint32_t (&presence)[2], uint32_t position) {
   return presence[position >> 5] >> (position & 31) & 1;
@@ -115,7 +100,8 @@ void checkOwn(std::mt19937& random, MultiSet& a, Model& inA, const MultiSet&, co
   inA.erase(e);
   Set once = {};
   Model inOnce;
-  for (uint32_t n = random() % 8; n != 0; --n) add(&once, inOnce.insert({anElement(random), 1}).first->first);
+  for (uint32_t n = random() % 8; n != 0; --n)
+    __VeskAddAnElementToSet(&once, inOnce.insert({anElement(random), 1}).first->first);
   __VeskUnionMultiSetSet(&a, &once);
   inA = combine(inA, inOnce, std::plus<uint32_t>());
   expectHolds(once, inOnce, 0);
@@ -125,6 +111,17 @@ void checkOwn(std::mt19937& random, MultiSet& a, Model& inA, const MultiSet&, co
 // Random operations on four headers, any of which may meet itself; everything is compared after every step.
 template <class Header>
 void compareWithModel() {
+  const auto add = pick<Header>(__VeskAddAnElementToSet, __VeskAddAnElementToMultiSet);
+  const auto remove = pick<Header>(__VeskDeleteAnElementFromSet, __VeskDeleteAnElementFromMultiSet);
+  const auto empty = pick<Header>(__VeskEmptySet, __VeskEmptyMultiSet);
+  const auto destroy = pick<Header>(__VeskDestroySet, __VeskDestroyMultiSet);
+  const auto copy = pick<Header>(__VeskConstructSet, __VeskConstructMultiSet);
+  const auto move = pick<Header>(__VeskConstructSetAndDestroy, __VeskConstructMultiSetAndDestroy);
+  const auto unite = pick<Header>(__VeskUnionSet, __VeskUnionMultiSet);
+  const auto subtract = pick<Header>(__VeskDifferenceSet, __VeskDifferenceMultiSet);
+  const auto intersect = pick<Header>(__VeskIntersectSet, __VeskIntersectMultiSet);
+  const auto equal = pick<Header>(__VeskAreSetsEqual, __VeskAreMultiSetsEqual);
+  const uint32_t most = pick<Header>(1u, UINT32_MAX); // the highest multiplicity
   test::startRuntime();
   __VeskEnableMemoryStatisticsCollection();
   uint32_t categories[] = {0, 0, 0, 255};
@@ -136,6 +133,7 @@ void compareWithModel() {
     for (int i = 0; i < 4; ++i) sets[i].category = categories[i];
     for (int step = 0; step < 600 && !testing::Test::HasFailure(); ++step) {
       const uint32_t d = random() % 4, s = random() % 4, t = random() % 4, what = random() % 24;
+      const uint32_t e = anElement(random);
       SCOPED_TRACE(testing::Message() << "seed " << seed << " step " << step << " operation " << what);
       Header &dst = sets[d], &src = sets[s];
       Model &to = models[d], &from = models[s];
@@ -153,19 +151,17 @@ void compareWithModel() {
         EXPECT_EQ(chunksOf(dst), source);
       } else if (what == 5) {
         unite(&dst, &src);
-        to = combine(to, from, [&](uint32_t a, uint32_t b) { return std::min(kMost<Header>, a + b); });
+        to = combine(to, from, [&](uint32_t a, uint32_t b) { return std::min(most, a + b); });
       } else if (what == 6) {
         subtract(&dst, &src);
         to = combine(to, from, [](uint32_t a, uint32_t b) { return a - std::min(a, b); });
       } else if (what == 7) {
         checkOwn(random, dst, to, src, from);
       } else if (what <= 11) {
-        const uint32_t e = anElement(random);
         remove(&dst, e);
         if (to.contains(e) && --to[e] == 0) to.erase(e);
       } else {
-        const uint32_t e = anElement(random);
-        add(&dst, e), to[e] = std::min(kMost<Header>, to[e] + 1);
+        add(&dst, e), to[e] = std::min(most, to[e] + 1);
       }
       if (what >= 1 && what <= 3) { // the chunks that dst had are used again
         const auto after = chunksOf(dst);

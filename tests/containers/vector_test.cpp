@@ -43,8 +43,6 @@ void expectHolds(const Vector& vector, const Model& model, uint32_t category) {
   }
 }
 
-int64_t livePages(uint32_t category) { return test::liveChunks(category, 2048); }
-
 } // namespace
 
 TEST(Vector, AgreesWithAModel) {
@@ -73,12 +71,11 @@ TEST(Vector, AgreesWithAModel) {
       } else if (what == 2 && d != s) {
         __VeskDestroyVector(vectors[d]);
         vectors[d] = __VeskDuplicateVector(vectors[s], categories[d]), to = from;
-      } else if (what <= 5) {
-        EXPECT_EQ(__VeskIncrementVectorElement(vectors[d], index), to.at(index));
-        to.write(index, to.at(index) + 1);
-      } else {
-        const uint64_t value = random() >> random() % 64 | random() << 63; // above and below 2^63
-        EXPECT_EQ(__VeskSetVectorElement(vectors[d], index, value), to.at(index));
+      } else { // values above and below 2^63
+        const uint64_t value = what <= 5 ? to.at(index) + 1 : random() >> random() % 64 | random() << 63;
+        EXPECT_EQ(what <= 5 ? __VeskIncrementVectorElement(vectors[d], index)
+                            : __VeskSetVectorElement(vectors[d], index, value),
+                  to.at(index));
         to.write(index, value);
       }
       for (size_t i = 0; i < 3; ++i) expectHolds(*vectors[i], models[i], categories[i]);
@@ -90,6 +87,7 @@ TEST(Vector, AgreesWithAModel) {
 TEST(Vector, PagesAreInTheirCategoryUntilTheEnd) {
   test::startRuntime();
   __VeskEnableMemoryStatisticsCollection();
+  const auto livePages = [](uint32_t category) { return test::liveChunks(category, 2048); };
   const uint32_t mine = __VeskRegisterMemoryCategory("mine"), other = __VeskRegisterMemoryCategory("other");
   Vector source, target; // records of ours, so that the categories hold pages alone
   EXPECT_EQ(__VeskInitializeVector(&source, mine), &source);

@@ -23,7 +23,8 @@ struct ThreadState {
   std::uint32_t parentId; // that of the thread that made it; 0 if unknown
   Mark mark;
   Mark markBeforeFork;
-  bool quietBeforeFork;  // no other thread was inside the collector when this one forked
+  bool quietBeforeFork; // no other thread was inside the collector when this one forked
+  bool holdsForkLocks;
   bool tellEnd;          // its start has been told
   TlsSlot* slots;        // the thread's values of TLS slots; null until the first is stored
   void* execEnvironment; // an environment that this thread, as the child of a vfork, has left behind
@@ -95,8 +96,11 @@ void forkedInChild() noexcept;
 bool install() noexcept;
 
 // Memory: held across a fork, so that the child finds it free.
-void lockMemory() noexcept;
+bool lockMemoryForFork() noexcept;
 void unlockMemory() noexcept;
+
+// Tries before a fork goes on without a lock, which its own thread may hold: a signal handler forks anywhere.
+inline constexpr unsigned kForkPatience = 10000;
 
 // Milliseconds of a clock that is never set.
 std::uint64_t nowMilliseconds() noexcept;

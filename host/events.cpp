@@ -4,6 +4,7 @@
 #include <sched.h>
 #include <unistd.h>
 
+#include "host/modules.h"
 #include "host/next.h"
 
 namespace veskhost {
@@ -111,7 +112,7 @@ Event::Event() noexcept : errno_(errno) {
     cancellationHeld_ = true;
     pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &cancellation_);
   }
-  listener_ = listener.load(std::memory_order_acquire);
+  listener_ = listener.load();
 }
 
 Event::~Event() {
@@ -136,6 +137,7 @@ bool isOwnProcess() noexcept { return watching() && ownProcess.load(std::memory_
 // will not let go, so the end is left to another thread, and given up if that gets stuck.
 void processEnds(VeskProcessEnd how, int status) noexcept {
   if (!isOwnProcess() || ended.exchange(true)) return;
+  lookForModules();
   const bool inside = self.mark == Mark::kCollector;
   ScopedCollectorMark mark;
   static constinit Ending ending;
@@ -181,6 +183,7 @@ void observedForkInChild() noexcept {
   for (Counter& counter : counters) counter.inside.store(0, std::memory_order_relaxed);
   closed.store(0, std::memory_order_relaxed);
   self.mark = self.markBeforeFork;
+  self.tellEnd = false; // it is the first thread now
   if (!veskHostFollowsChildren() || !self.quietBeforeFork || ended.load(std::memory_order_relaxed)) {
     listener.store(&kNobody, std::memory_order_relaxed);
     return;
@@ -188,7 +191,7 @@ void observedForkInChild() noexcept {
   ownProcess.store(getpid(), std::memory_order_relaxed);
   if (!hears(&VeskHostEvents::forkedInChild)) return;
   Event event;
-  event->forkedInChild();
+  if (event->forkedInChild != nullptr) event->forkedInChild();
 }
 
 } // namespace veskhost

@@ -19,7 +19,7 @@ namespace {
 
 constexpr unsigned kUnitShift = 4;
 constexpr unsigned kPageShift = 16;
-constexpr unsigned kLargestShift = 24;
+constexpr unsigned kLargestShift = 20;
 constexpr std::size_t kPages = kRegion >> kPageShift;
 
 constinit std::atomic<std::size_t> pagesTaken{0};

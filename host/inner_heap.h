@@ -14,7 +14,7 @@ namespace [[gnu::visibility("hidden")]] veskhost {
 
 namespace inner {
 
-inline constexpr std::size_t kRegion = std::size_t{64} << 20;
+inline constexpr std::size_t kRegion = std::size_t{16} << 20;
 
 // Before there is a region, an address from which no block is less than a region away.
 extern constinit std::atomic<std::uintptr_t> regionStart;
@@ -24,7 +24,7 @@ extern constinit std::atomic<std::uintptr_t> regionStart;
 }
 
 // A block aligned to `alignment`, a power of two, and to 16. Null when the region is used up or the request
-// above 16 MiB.
+// above 1 MiB.
 void* allocate(std::size_t bytes, std::size_t alignment = 16) noexcept;
 
 // For a block of this heap.

@@ -4,6 +4,8 @@
 //
 // The child of a vfork runs here too, in its parent's memory: it is told apart by its process id, and leaves
 // nothing changed but an environment that it has used, which its parent gives back at its next call.
+//
+// What the C library starts from within (system, popen, wordexp) does not pass here: it is not followed.
 #include <cstdarg>
 #include <cstdlib>
 
@@ -12,7 +14,7 @@
 #include <unistd.h>
 
 #include "host/environment.h"
-#include "host/events.h"
+#include "host/modules.h"
 #include "host/next.h"
 
 using namespace veskhost;
@@ -53,6 +55,7 @@ private:
 void tellExec() noexcept {
   if (!isOwnProcess() || !hears(&VeskHostEvents::processEnding)) return;
   Event event;
+  lookForModules(event);
   if (event->processEnding != nullptr) event->processEnding(VESK_END_EXEC, 0);
 }
 

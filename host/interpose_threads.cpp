@@ -24,13 +24,14 @@ void tellStart(std::uint32_t parentId) noexcept {
   watchThreadEnd();
   if (!hears(&VeskHostEvents::threadStarted)) return;
   Event event;
-  event->threadStarted(threadId());
+  lookForModules(event);
+  if (event->threadStarted != nullptr) event->threadStarted(threadId());
 }
 
 void tellEnd() noexcept {
   if (!hears(&VeskHostEvents::threadEnded)) return;
   Event event;
-  event->threadEnded(threadId());
+  if (event->threadEnded != nullptr) event->threadEnded(threadId());
 }
 
 template <class Function>

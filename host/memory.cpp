@@ -104,7 +104,7 @@ void* takePiece(std::uint64_t size) noexcept {
 
 } // namespace
 
-void lockMemory() noexcept { lock.lock(); }
+bool lockMemoryForFork() noexcept { return lock.lockWithin(kForkPatience); }
 void unlockMemory() noexcept { lock.unlock(); }
 
 } // namespace veskhost

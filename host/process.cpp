@@ -61,18 +61,23 @@ void runExitCallbacks() noexcept {
 }
 
 void prepareFork() noexcept {
-  exitLock.lock();
-  lockMemory();
+  self.holdsForkLocks = false;
+  if (!exitLock.lockWithin(kForkPatience)) return;
+  self.holdsForkLocks = lockMemoryForFork();
+  if (!self.holdsForkLocks) exitLock.unlock();
 }
 
 void forkedInParent() noexcept {
+  if (!self.holdsForkLocks) return;
   unlockMemory();
   exitLock.unlock();
 }
 
+// Whoever held the locks is not here.
 void forkedInChild() noexcept {
   self.id = 0;
-  forkedInParent();
+  unlockMemory();
+  exitLock.unlock();
 }
 
 void installProcess() noexcept {

@@ -13,6 +13,13 @@ public:
   void lock() noexcept {
     while (held_.exchange(true, std::memory_order_acquire)) sched_yield();
   }
+  // Gives up after so many tries with a yield between them.
+  bool lockWithin(unsigned tries) noexcept {
+    for (; !tryLock(); sched_yield()) {
+      if (tries-- == 0) return false;
+    }
+    return true;
+  }
   bool tryLock() noexcept { return !held_.exchange(true, std::memory_order_acquire); }
   void unlock() noexcept { held_.store(false, std::memory_order_release); }
 

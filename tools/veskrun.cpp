@@ -118,7 +118,7 @@ struct LinkToHost {
   }
 };
 
-void prepareEnvironment(const std::string& host, const std::string& collector,
+void prepareEnvironment(const std::string& program, const std::string& host, const std::string& collector,
                         const std::vector<std::string>& arguments) {
   // What a veskrun around this one has left is not for this collector.
   std::vector<std::string> stale;
@@ -128,6 +128,12 @@ void prepareEnvironment(const std::string& host, const std::string& collector,
   }
   for (const std::string& name : stale) unsetenv(name.c_str());
 
+  // A shell says in "_" what it has started.
+  std::error_code ignored;
+  const char* started = std::getenv("_");
+  if (started != nullptr && std::filesystem::equivalent(started, "/proc/self/exe", ignored)) {
+    setenv("_", program.c_str(), 1);
+  }
   const char* preload = std::getenv("LD_PRELOAD");
   setenv("LD_PRELOAD", preload != nullptr ? (host + ":" + preload).c_str() : host.c_str(), 1);
   setenv("VESK_HOST_LIBRARY", host.c_str(), 1);
@@ -162,6 +168,8 @@ void forward(int signal, siginfo_t* info, void*) {
   _exit(error == ENOENT ? veskrun::kNotFound : veskrun::kNotExecutable);
 }
 
+int exitStatus(int status) { return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status); }
+
 int waitForChild() {
   for (;;) {
     int status;
@@ -169,12 +177,15 @@ int waitForChild() {
       if (errno == EINTR) continue;
       return EXIT_FAILURE;
     }
-    if (WIFEXITED(status)) return WEXITSTATUS(status);
-    if (WIFSIGNALED(status)) return 128 + WTERMSIG(status);
-    // A program that stops itself stops the job; the terminal's stop has stopped veskrun already.
-    if (WIFSTOPPED(status) && WSTOPSIG(status) == SIGSTOP) {
+    if (!WIFSTOPPED(status)) return exitStatus(status);
+    // A program that stops itself stops the job. After a stop by the terminal, which has stopped veskrun too,
+    // the program is about to continue as veskrun has.
+    usleep(20000);
+    if (waitpid(child, &status, WCONTINUED | WNOHANG) == 0) {
       raise(SIGSTOP);
       kill(child, SIGCONT);
+    } else if (!WIFCONTINUED(status)) {
+      return exitStatus(status);
     }
   }
 }
@@ -186,9 +197,12 @@ int run(const Program& program) {
   sigemptyset(&forwarded);
   for (const int signal : kForwarded) sigaddset(&forwarded, signal);
   sigprocmask(SIG_BLOCK, &forwarded, &before);
+  const auto children =
+      std::signal(SIGCHLD, SIG_DFL); // where they are ignored there is no status to wait for
   child = fork();
   if (child < 0) fail(kUsageError, std::string("cannot start a process: ") + std::strerror(errno));
   if (child == 0) {
+    std::signal(SIGCHLD, children);
     sigprocmask(SIG_SETMASK, &before, nullptr);
     execute(program);
   }
@@ -234,7 +248,8 @@ int main(int argc, char** argv) {
 
   LinkToHost link;
   const bool preloadable = host.string().find_first_of(" :$") == std::string::npos;
-  prepareEnvironment(preloadable ? host.string() : link.make(host), collector, line.collectorArguments);
+  prepareEnvironment(program.path, preloadable ? host.string() : link.make(host), collector,
+                     line.collectorArguments);
   const int status = run(program);
   link.remove();
   return status;

@@ -24,17 +24,17 @@ static const size_t limit = (size_t)256 << 20;
 static char path[512];
 static char* text;
 static size_t length;
-static int lock;
 static uint64_t programStart, programEnd;
 
+/* Takes no lock: a signal handler may end the program in the middle of it. */
 static void note(const char* format, ...) {
+  char line[1024];
   va_list arguments;
   va_start(arguments, format);
-  while (__atomic_exchange_n(&lock, 1, __ATOMIC_ACQUIRE)) {
-  }
-  if (limit - length > 4096) length += (size_t)vsnprintf(text + length, 4096, format, arguments);
-  __atomic_store_n(&lock, 0, __ATOMIC_RELEASE);
+  const size_t size = (size_t)vsnprintf(line, sizeof line, format, arguments);
   va_end(arguments);
+  const size_t at = __atomic_fetch_add(&length, size, __ATOMIC_RELAXED);
+  if (at + size <= limit) memcpy(text + at, line, size);
   errno = EXDEV; /* which the program must never see */
 }
 
@@ -80,7 +80,7 @@ static void processEnding(VeskProcessEnd how, int status) {
   FILE* file = fopen(path, "w");
   note("end %s %d\n", names[how], status);
   if (file == NULL) return;
-  fwrite(text, 1, length, file);
+  fwrite(text, 1, length < limit ? length : limit, file);
   fclose(file);
 }
 

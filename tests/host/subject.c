@@ -1,0 +1,285 @@
+/* Programs that the host must observe without their noticing, one for each name in the table at the end. Each
+ * prints what it sees, and is compared with itself without the host. */
+#define _GNU_SOURCE
+#include <dlfcn.h>
+#include <errno.h>
+#include <fcntl.h>
+#include <limits.h>
+#include <malloc.h>
+#include <pthread.h>
+#include <signal.h>
+#include <spawn.h>
+#include <stdint.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/wait.h>
+#include <threads.h>
+#include <unistd.h>
+
+extern char** environ;
+
+static void* volatile keep; /* keeps calls alive */
+static char module[4096];   /* the path of the shared object that comes with this program */
+
+/* One call of each function, and those that must raise nothing. */
+static int heap(void) {
+  void* block;
+  void* more = NULL;
+  errno = 77;
+  free(malloc(1001));
+  free(calloc(7, 143));
+  block = realloc(NULL, 1003);
+  keep = malloc(9012); /* so that the next one moves */
+  block = realloc(block, 50003);
+  keep = block = reallocarray(block, 5, 201);
+  printf("reallocarray overflow %p errno %d\n", reallocarray(block, SIZE_MAX / 2, 3), errno == ENOMEM);
+  printf("realloc failing %p errno %d\n", realloc(block, PTRDIFF_MAX), errno == ENOMEM);
+  errno = 77;
+  printf("realloc to nothing %p\n", realloc(block, 0));
+  printf("bad alignment %d\n", posix_memalign(&more, 24, 1006));
+  printf("alignment %d errno %d\n", posix_memalign(&more, 4096, 1006), errno);
+  printf("aligned %d\n", (int)((uintptr_t)more % 4096));
+  free(more);
+  free(aligned_alloc(64, 1024));
+  free(memalign(128, 1008));
+  free(valloc(1009));
+  free(pvalloc(1010));
+  free(NULL);
+  keep = malloc(PTRDIFF_MAX);
+  printf("too much %p errno %d\n", keep, errno == ENOMEM);
+  keep = malloc(1011);
+  printf("usable %d\n", malloc_usable_size(keep) >= 1011);
+  return 5;
+}
+
+static void* allocateMuch(void* argument) {
+  for (int n = 0; n < 1000; ++n) free(malloc(2001));
+  return argument;
+}
+static void* leaveEarly(void* argument) { pthread_exit(allocateMuch(argument)); }
+static void* waitForCancel(void* argument) {
+  for (;;) {
+    free(malloc(2002));
+    pthread_testcancel();
+  }
+  return argument;
+}
+static int standardThread(void* argument) { return (int)(intptr_t)allocateMuch(argument) + 1; }
+static void freeLate(void* block) { free(block); }
+
+static pthread_key_t key;
+static void* setKey(void* argument) {
+  pthread_setspecific(key, malloc(2003));
+  return argument;
+}
+
+static int threads(void) {
+  pthread_t ids[6];
+  thrd_t standard;
+  void* result;
+  int code;
+  pthread_key_create(&key, freeLate);
+  for (int n = 0; n < 4; ++n)
+    pthread_create(&ids[n], NULL, n % 2 ? leaveEarly : allocateMuch, (void*)(intptr_t)n);
+  pthread_create(&ids[4], NULL, waitForCancel, NULL);
+  pthread_create(&ids[5], NULL, setKey, NULL);
+  thrd_create(&standard, standardThread, (void*)40);
+  pthread_cancel(ids[4]);
+  for (int n = 0; n < 6; ++n) {
+    pthread_join(ids[n], &result);
+    printf("%d: %ld\n", n, (long)(intptr_t)result);
+  }
+  thrd_join(standard, &code);
+  printf("standard %d\n", code);
+  return 0;
+}
+
+static int modules(void) {
+  void* handle = dlopen(module, RTLD_NOW);
+  printf("found %d\n", handle != NULL && dlsym(handle, "moduleFunction") != NULL);
+  dlclose(handle);
+  handle = dlmopen(LM_ID_NEWLM, module, RTLD_NOW);
+  printf("in another namespace %d\n", handle != NULL);
+  dlclose(handle);
+  printf("not there %d\n", dlopen("libnosuchthing.so", RTLD_NOW) == NULL);
+  /* The program's own search path, and nobody else's, holds it. */
+  handle = dlopen("libsubject_module.so", RTLD_NOW);
+  printf("by name %d\n", handle != NULL);
+  return 0;
+}
+
+static int status(pid_t pid) {
+  int result;
+  waitpid(pid, &result, 0);
+  return WIFEXITED(result) ? WEXITSTATUS(result) : 1000 + WTERMSIG(result);
+}
+
+static int forks(void) {
+  char* const arguments[] = {(char*)"true", NULL};
+  pid_t pid;
+  fflush(stdout);
+  if ((pid = fork()) == 0) {
+    free(malloc(3001));
+    exit(gettid() == getpid() ? 11 : 1);
+  }
+  printf("fork %d\n", status(pid));
+  if ((pid = _Fork()) == 0) {
+    free(malloc(3002));
+    _exit(12);
+  }
+  printf("_Fork %d\n", status(pid));
+  if ((pid = vfork()) == 0) _exit(13);
+  printf("vfork %d\n", status(pid));
+  if ((pid = vfork()) == 0) {
+    execl("/nonexistent", "x", NULL);
+    execlp("false", "false", NULL);
+    _exit(14);
+  }
+  printf("vfork and exec %d\n", status(pid));
+  printf("spawn %d", posix_spawnp(&pid, "true", NULL, NULL, arguments, environ));
+  printf(" %d\n", status(pid));
+  printf("system %d\n", WEXITSTATUS(system("exit 15")));
+  fflush(stdout);
+  execl("/nonexistent", "x", NULL);
+  printf("exec failed %d\n", errno == ENOENT);
+  fflush(stdout);
+  execle("/bin/sh", "sh", "-c", "echo $A; exit 16", NULL, (char*[]){(char*)"A=a b", NULL});
+  return 1;
+}
+
+static void late(void) { free(malloc(4001)); }
+__attribute__((destructor)) static void later(void) { free(malloc(4002)); }
+
+static int exits(void) {
+  atexit(late);
+  return 21;
+}
+static int quick(void) {
+  at_quick_exit(late);
+  quick_exit(22);
+}
+static void* exitHere(void* argument) { _exit(argument ? 23 : 0); }
+static void* allocateForever(void* argument) {
+  for (;;) free(malloc(16));
+  return argument;
+}
+static int manyThreads(void* (*function)(void*)) {
+  pthread_t id;
+  for (int n = 0; n < 4; ++n) pthread_create(&id, NULL, n < 3 ? allocateForever : function, module);
+  usleep(20000);
+  return 24;
+}
+static int exitFromThread(void) { return manyThreads(exitHere) + (int)sleep(60); }
+static int exitWhileBusy(void) { return manyThreads(allocateForever); }
+static int forkWhileBusy(void) {
+  int sum = 0;
+  manyThreads(allocateForever);
+  for (int n = 0; n < 20; ++n) {
+    const pid_t pid = fork();
+    if (pid == 0) {
+      free(malloc(3003));
+      _exit(1);
+    }
+    sum += status(pid);
+  }
+  printf("children %d\n", sum);
+  return 0;
+}
+static void* leaveLast(void* argument) {
+  usleep(20000);
+  free(malloc(4003));
+  return argument;
+}
+static int mainLeaves(void) {
+  pthread_t id;
+  pthread_create(&id, NULL, leaveLast, NULL);
+  pthread_exit(NULL);
+}
+
+static int closesAll(void) {
+  for (int fd = 0; fd < 1024; ++fd) close(fd);
+  return 31;
+}
+/* Descriptors 0 to 2 may be closed, or be files of the program: what they hold must be its own. */
+static int standardFiles(void) {
+  char line[16];
+  int sum = 0;
+  for (int fd = 0; fd < 3; ++fd) sum += (fcntl(fd, F_GETFD) >= 0) << fd;
+  const int made = open("made", O_RDWR | O_CREAT | O_TRUNC, 0600);
+  for (int n = 0; n < 100; ++n) keep = malloc(100);
+  snprintf(line, sizeof line, "%d %d\n", sum, made);
+  return write(made, line, strlen(line)) < 0 ? 1 : 32 + sum;
+}
+static int ownEnvironment(void) {
+  for (char** variable = environ; *variable != NULL; ++variable) puts(*variable);
+  return system("env | grep -c VESK_") >= 0 ? 0 : 1;
+}
+
+static void onAlarm(int number) { keep = malloc((size_t)number); }
+static void onAlarmExit(int number) { exit(27 + number); }
+static int allocateInHandler(void) {
+  signal(SIGALRM, onAlarm);
+  ualarm(100, 100);
+  for (int n = 0; n < 300000; ++n) getpid();
+  ualarm(0, 0);
+  return 0;
+}
+static int exitInHandler(void) {
+  signal(SIGALRM, onAlarmExit);
+  ualarm(30000, 0);
+  return allocateForever(NULL) != NULL;
+}
+static int aborts(void) {
+  fflush(stdout);
+  abort();
+}
+static int killed(void) { return kill(getpid(), SIGTERM); }
+
+static void* small(void* argument) {
+  keep = malloc(5001);
+  return argument;
+}
+static int smallStack(void) {
+  pthread_attr_t attributes;
+  pthread_t id;
+  pthread_attr_init(&attributes);
+  printf("set %d\n", pthread_attr_setstacksize(&attributes, PTHREAD_STACK_MIN));
+  printf("create %d\n", pthread_create(&id, &attributes, small, NULL));
+  return pthread_join(id, NULL);
+}
+
+static const struct {
+  const char* name;
+  int (*run)(void);
+} programs[] = {{"heap", heap},
+                {"threads", threads},
+                {"modules", modules},
+                {"forks", forks},
+                {"exits", exits},
+                {"quick", quick},
+                {"exit-from-thread", exitFromThread},
+                {"exit-while-busy", exitWhileBusy},
+                {"fork-while-busy", forkWhileBusy},
+                {"main-leaves", mainLeaves},
+                {"closes-all", closesAll},
+                {"standard-files", standardFiles},
+                {"environment", ownEnvironment},
+                {"allocate-in-handler", allocateInHandler},
+                {"exit-in-handler", exitInHandler},
+                {"aborts", aborts},
+                {"killed", killed},
+                {"small-stack", smallStack}};
+
+int main(int argc, char** argv) {
+  static char buffer[65536]; /* so that output allocates nothing */
+  const char* slash;
+  if (argc < 2) return 2;
+  setvbuf(stdout, buffer, _IOFBF, sizeof buffer);
+  slash = strrchr(argv[0], '/');
+  snprintf(module, sizeof module, "%.*s/plugins/libsubject_module.so", (int)(slash - argv[0]), argv[0]);
+  for (size_t n = 0; n < sizeof programs / sizeof programs[0]; ++n) {
+    if (strcmp(argv[1], programs[n].name) == 0) return programs[n].run();
+  }
+  return 2;
+}

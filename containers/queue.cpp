@@ -37,11 +37,6 @@ QueueNode* residentOf(Queue* queue) { return &reinterpret_cast<Record*>(queue)->
 
 bool isFree(const QueueNode* resident) { return loadAcquire(resident->next) == resident; }
 
-// Stands for the locks in a queue that one thread uses at a time.
-struct NoLock {
-  explicit NoLock(VeskSpinLock&) noexcept {}
-};
-
 [[gnu::always_inline]] inline void append(Queue* queue, QueueNode* node) {
   storeRelease(loadRelaxed(queue->tail)->next, node);
   storeRelaxed(queue->tail, node);
@@ -51,7 +46,6 @@ QueueNode* allocateNode(const Queue* queue, std::uint64_t value) {
   return new (__VeskMalloc(categoryOf(queue->flags), sizeof(QueueNode), 0)) QueueNode{value, nullptr};
 }
 
-// The caller holds the tail lock and has seen the resident node free under it.
 [[gnu::always_inline]] inline QueueNode* takeResident(Queue* queue, std::uint64_t value) {
   QueueNode* const resident = residentOf(queue);
   resident->value = value;
@@ -70,11 +64,43 @@ QueueNode* allocateNode(const Queue* queue, std::uint64_t value) {
   return true;
 }
 
-[[gnu::noinline]] void appendUnderBothLocks(Queue* queue, QueueNode* node) {
-  ScopedBriefSpinLock head(queue->headLock);
-  ScopedBriefSpinLock tail(queue->tailLock);
+struct Attempt {
+  QueueNode* node; // null if there was none to append
+  bool appended;
+};
+
+// Without an allocated node it takes the resident one, if another producer has not been faster.
+constexpr auto enqueueAtTail = [](Queue* queue, QueueNode* allocated, std::uint64_t value) {
+  QueueNode* node = allocated;
+  if (node == nullptr && isFree(residentOf(queue))) node = takeResident(queue, value);
+  return Attempt{node, node != nullptr && tryToAppend(queue, node)};
+};
+
+// The consumers' lock was busy while the queue was empty.
+[[gnu::noinline]] void appendInOrder(Queue* queue, QueueNode* node) {
+  ScopedSpinLock head(queue->headLock);
+  ScopedSpinLock tail(queue->tailLock);
   append(queue, node);
 }
+
+// The locks of a queue that one thread uses at a time: none.
+struct Unlocked {
+  template <class Section, class... Arguments>
+  [[gnu::always_inline]] static auto briefly(VeskSpinLock&, Section section, Arguments... arguments) {
+    return section(arguments...);
+  }
+  struct Scope {
+    explicit Scope(VeskSpinLock&) {}
+  };
+};
+
+struct Locked {
+  template <class Section, class... Arguments>
+  [[gnu::always_inline]] static auto briefly(VeskSpinLock& lock, Section section, Arguments... arguments) {
+    return vesk::briefly(lock, section, arguments...);
+  }
+  using Scope = ScopedSpinLock;
+};
 
 // Gives back what `unlink` took out.
 [[gnu::always_inline]] inline void dispose(Queue* queue, QueueNode* node) {
@@ -85,47 +111,53 @@ QueueNode* allocateNode(const Queue* queue, std::uint64_t value) {
   }
 }
 
+// A producer may have linked a successor until the caller got the tail lock.
+constexpr auto unlinkLast = [](Queue* queue, QueueNode* previous, QueueNode* node) {
+  QueueNode* const next = loadAcquire(node->next);
+  if (next == nullptr) storeRelaxed(queue->tail, previous);
+  storeRelaxed(previous->next, next);
+  return next;
+};
+
 // Takes `node`, which follows `previous`, out of the list. The caller holds the head lock.
 //
 // Whether the tail lock is needed is asked of the node's link, not of the tail: a node without a successor
 // may be one that a producer has linked and is about to make the tail. Unlinked by then without the
 // producer's lock, it would become the tail all the same, and what is queued behind it would be lost. Once a
 // successor is linked, no producer comes back to the node.
-template <class Lock>
+template <class Locks>
 [[gnu::always_inline]] inline void unlink(Queue* queue, QueueNode* previous, QueueNode* node) {
-  QueueNode* next = loadAcquire(node->next);
-  if (next != nullptr) {
+  if (QueueNode* const next = loadAcquire(node->next); next != nullptr) {
     storeRelaxed(previous->next, next);
-    return;
+  } else {
+    Locks::briefly(queue->tailLock, unlinkLast, queue, previous, node);
   }
-  Lock tail(queue->tailLock);
-  next = loadAcquire(node->next);
-  if (next == nullptr) storeRelaxed(queue->tail, previous);
-  storeRelaxed(previous->next, next);
 }
 
-template <class Lock>
+template <class Locks>
+constexpr auto unlinkFirst = [](Queue* queue) {
+  QueueNode* const first = loadAcquire(queue->dummy.next);
+  if (first != nullptr) unlink<Locks>(queue, &queue->dummy, first);
+  return first;
+};
+
+template <class Locks>
 [[gnu::always_inline]] inline std::uint64_t dequeue(Queue* queue) {
-  QueueNode* first;
-  {
-    Lock head(queue->headLock);
-    first = loadAcquire(queue->dummy.next);
-    if (first == nullptr) return 0;
-    unlink<Lock>(queue, &queue->dummy, first);
-  }
+  QueueNode* const first = Locks::briefly(queue->headLock, unlinkFirst<Locks>, queue);
+  if (first == nullptr) return 0;
   const std::uint64_t value = first->value;
   dispose(queue, first);
   return value;
 }
 
 // The predicate is not ours: it runs under a lock that knows its holder.
-template <class HeadLock, class TailLock>
+template <class Locks>
 std::uint64_t peek(Queue* queue, VeskQueuePredicate predicate, std::uint32_t argument1,
                    std::uint64_t argument2, bool remove) {
   QueueNode* node;
   std::uint64_t value;
   {
-    HeadLock head(queue->headLock);
+    typename Locks::Scope head(queue->headLock);
     QueueNode* previous = &queue->dummy;
     for (;;) {
       node = loadAcquire(previous->next);
@@ -135,7 +167,7 @@ std::uint64_t peek(Queue* queue, VeskQueuePredicate predicate, std::uint32_t arg
       previous = node;
     }
     if (!remove) return value;
-    unlink<TailLock>(queue, previous, node);
+    unlink<Locks>(queue, previous, node);
   }
   dispose(queue, node);
   return value;
@@ -157,27 +189,24 @@ Queue* __VeskCreateQueue(uint32_t flags, uint32_t category) {
 }
 
 void __VeskEnqueue(Queue* queue, uint64_t value) {
-  QueueNode* node = isFree(residentOf(queue)) ? nullptr : allocateNode(queue, value);
-  if (!isThreadSafe(queue)) return append(queue, node != nullptr ? node : takeResident(queue, value));
-  {
-    ScopedBriefSpinLock tail(queue->tailLock);
-    if (node == nullptr && isFree(residentOf(queue))) node = takeResident(queue, value);
-    if (node != nullptr && tryToAppend(queue, node)) [[likely]]
-      return;
-  }
-  if (node == nullptr) return __VeskEnqueue(queue, value); // another producer took the resident node
-  appendUnderBothLocks(queue, node);
+  QueueNode* const allocated = isFree(residentOf(queue)) ? nullptr : allocateNode(queue, value);
+  if (!isThreadSafe(queue))
+    return append(queue, allocated != nullptr ? allocated : takeResident(queue, value));
+  const Attempt attempt = briefly(queue->tailLock, enqueueAtTail, queue, allocated, value);
+  if (attempt.appended) [[likely]]
+    return;
+  if (attempt.node == nullptr) return __VeskEnqueue(queue, value);
+  appendInOrder(queue, attempt.node);
 }
 
 uint64_t __VeskDequeue(Queue* queue) {
-  return isThreadSafe(queue) ? dequeue<ScopedBriefSpinLock>(queue) : dequeue<NoLock>(queue);
+  return isThreadSafe(queue) ? dequeue<Locked>(queue) : dequeue<Unlocked>(queue);
 }
 
 uint64_t __VeskPeekQueue(Queue* queue, VeskQueuePredicate predicate, uint32_t argument1, uint64_t argument2,
                          uint32_t remove) {
-  return isThreadSafe(queue)
-             ? peek<ScopedSpinLock, ScopedBriefSpinLock>(queue, predicate, argument1, argument2, remove != 0)
-             : peek<NoLock, NoLock>(queue, predicate, argument1, argument2, remove != 0);
+  return isThreadSafe(queue) ? peek<Locked>(queue, predicate, argument1, argument2, remove != 0)
+                             : peek<Unlocked>(queue, predicate, argument1, argument2, remove != 0);
 }
 
 int __VeskIsQueueEmpty(const Queue* queue) { return loadRelaxed(queue->dummy.next) == nullptr; }

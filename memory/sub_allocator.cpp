@@ -79,16 +79,42 @@ void unlink(Row& row, Slab* slab) {
   (slab->previous != nullptr ? slab->previous->next : row.head) = slab->next;
 }
 
-// The first free chunk of the row's head slab. Caller holds the row.
-[[gnu::always_inline]] inline void* takeChunk(Row& row) {
-  Slab* const slab = row.head;
+// ---- What is done while the row is held ----
+
+// The first free chunk of the row's head slab; null if the row has none.
+constexpr auto takeChunk = [](Row* row) -> void* {
+  Slab* const slab = row->head;
+  if (slab == nullptr) [[unlikely]]
+    return nullptr;
   std::uint64_t* const chunk = slab->freeHead;
   slab->freeHead = reinterpret_cast<std::uint64_t*>(*chunk ^ kFreeMark);
   storeRelaxed(*chunk, reinterpret_cast<std::uint64_t>(slab));
   if (--slab->freeCount == 0) [[unlikely]]
-    unlink(row, slab);
+    unlink(*row, slab);
   return chunk + 1;
-}
+};
+
+constexpr auto pushAndTakeChunk = [](Row* row, Slab* slab) {
+  push(*row, slab);
+  return takeChunk(row);
+};
+
+// Returns the slab if it is now entirely free and no longer in the row's list.
+constexpr auto putChunk = [](Row* row, Slab* slab, std::uint64_t* chunk) -> Slab* {
+  storeRelaxed(*chunk, reinterpret_cast<std::uint64_t>(slab->freeHead) | kFreeMark);
+  slab->freeHead = chunk;
+  const std::uint32_t freeCount = ++slab->freeCount;
+  if (freeCount == slab->chunkTotal) [[unlikely]] {
+    if (row->head == slab && slab->next == nullptr) return nullptr; // a row keeps its last slab
+    unlink(*row, slab);
+    return slab;
+  }
+  if (freeCount == 1) [[unlikely]]
+    push(*row, slab); // it was full, and therefore in no list
+  return nullptr;
+};
+
+// ---- Slabs and large blocks ----
 
 // Memory from the host, or the end of the process.
 void* allocateFromHost(std::uint64_t bytes) {
@@ -133,16 +159,13 @@ Slab* makeSlab(std::uint32_t category, std::uint32_t sizeClass, std::uint32_t sh
   return slab;
 }
 
-// The row has no free chunk. The caller holds it; on return it is released. Another thread may give the row a
-// slab meanwhile: ours is still pushed, and used first.
+// The row has no free chunk. Another thread may give it a slab meanwhile: ours is still pushed, and used
+// first.
 [[gnu::noinline]] void* allocateFromNewSlab(Row& row, std::uint32_t category, std::uint32_t sizeClass,
                                             std::uint32_t shift) {
-  release(row.lock);
   Slab* const slab = makeSlab(category, sizeClass, shift);
   if (statisticsOn()) accountSlabAcquired(category, nominalSlabSize(shift));
-  ScopedSpinLock scope(row.lock);
-  push(row, slab);
-  return takeChunk(row);
+  return briefly(row.lock, pushAndTakeChunk, &row, slab);
 }
 
 [[gnu::noinline]] void* allocateLarge(std::uint32_t size) {
@@ -155,10 +178,9 @@ Slab* makeSlab(std::uint32_t category, std::uint32_t sizeClass, std::uint32_t sh
 // Without memory there is no log to write to.
 [[noreturn, gnu::noinline]] void endWithoutMemory() { __VeskExitHandler(-1); }
 
-// Every chunk of the slab is free. Caller holds the row.
+// The host is called under the row's lock, and may come back to it.
 [[gnu::noinline]] void releaseSlab(Row& row, Slab* slab) {
-  if (row.head == slab && slab->next == nullptr) return; // a row keeps its last slab
-  unlink(row, slab);
+  ScopedSpinLock scope(row.lock);
   if (statisticsOn()) accountSlabReleased(slab->category, nominalSlabSize(slab->shift));
   hostFree(slab);
 }
@@ -189,13 +211,10 @@ void* __VeskMalloc(uint32_t category, uint32_t size, uint32_t shift) {
     return allocateLarge(size);
   category = category < VESK_MAX_MEMORY_CATEGORIES ? category : VESK_MEMORY_CATEGORY_MISC;
   Row& row = rowOf(table, category, static_cast<std::uint32_t>(sizeClass));
-  acquire(row.lock);
-  if (row.head == nullptr) [[unlikely]] {
-    return allocateFromNewSlab(row, category, static_cast<std::uint32_t>(sizeClass), shift & 15);
-  }
-  void* const pointer = takeChunk(row);
-  release(row.lock);
-  return pointer;
+  void* const pointer = briefly(row.lock, takeChunk, &row);
+  if (pointer != nullptr) [[likely]]
+    return pointer;
+  return allocateFromNewSlab(row, category, static_cast<std::uint32_t>(sizeClass), shift & 15);
 }
 
 void __VeskFree(void* pointer) {
@@ -208,15 +227,9 @@ void __VeskFree(void* pointer) {
 
   auto* const slab = reinterpret_cast<Slab*>(header);
   Row& row = rowOf(loadRelaxed(rows), slab->category, slab->sizeClass);
-  ScopedSpinLock scope(row.lock);
-  storeRelaxed(*chunk, reinterpret_cast<std::uint64_t>(slab->freeHead) | kFreeMark);
-  slab->freeHead = chunk;
-  const std::uint32_t freeCount = ++slab->freeCount;
-  if (freeCount == slab->chunkTotal) [[unlikely]] {
-    releaseSlab(row, slab);
-  } else if (freeCount == 1) [[unlikely]] {
-    push(row, slab); // it was full, and therefore in no list
-  }
+  Slab* const emptied = briefly(row.lock, putChunk, &row, slab, chunk);
+  if (emptied != nullptr) [[unlikely]]
+    releaseSlab(row, emptied);
 }
 
 void __VeskInitializeSubAllocator(VeskHostAllocateProc allocate, VeskHostFreeProc release) {

@@ -16,6 +16,15 @@ void waitForSpinLock(VeskSpinLock& lock) noexcept {
   }
 }
 
+bool waitForSpinLockOrNest(VeskSpinLock& lock) noexcept {
+  if (loadRelaxed(lock.owner) == nativeThreadId()) {
+    lock.recursionCount = lock.recursionCount + 1;
+    return true;
+  }
+  waitForSpinLock(lock);
+  return false;
+}
+
 } // namespace vesk
 
 using namespace vesk;

@@ -43,6 +43,49 @@ void waitForSpinLock(VeskSpinLock& lock) noexcept;
   storeRelease(lock.state, 0);
 }
 
+// ---- Brief sections ----
+//
+// A few moves that call nothing, under the lock's state alone: this spares the thread-id read and the
+// bookkeeping. Others see a lock whose holder has not recorded itself yet. A brief section may lie inside an
+// ordinary acquisition by the same thread, and another lock's brief section inside it.
+
+// Waits for a busy lock's state, or counts a recursion and returns true if the caller holds the lock already.
+bool waitForSpinLockOrNest(VeskSpinLock& lock) noexcept;
+
+template <class Section, class... Arguments>
+[[gnu::noinline]] auto brieflyWhenFree(VeskSpinLock& lock, Section section, Arguments... arguments) noexcept {
+  const bool nested = waitForSpinLockOrNest(lock);
+  const auto result = section(arguments...);
+  if (nested) {
+    release(lock);
+  } else {
+    storeRelease(lock.state, 0);
+  }
+  return result;
+}
+
+// Runs section(arguments...) and returns its result. The section captures nothing: its data stays in
+// registers.
+template <class Section, class... Arguments>
+[[gnu::always_inline]] inline auto briefly(VeskSpinLock& lock, Section section,
+                                           Arguments... arguments) noexcept {
+  if (!compareAndSwap(lock.state, 0, 1)) [[unlikely]]
+    return brieflyWhenFree(lock, section, arguments...);
+  const auto result = section(arguments...);
+  storeRelease(lock.state, 0);
+  return result;
+}
+
+// Runs section() and returns true if a single attempt takes the lock; a caller that holds it already does not
+// get it.
+template <class Section>
+[[gnu::always_inline]] inline bool tryBriefly(VeskSpinLock& lock, Section section) noexcept {
+  if (!compareAndSwap(lock.state, 0, 1)) return false;
+  section();
+  storeRelease(lock.state, 0);
+  return true;
+}
+
 class ScopedSpinLock {
 public:
   explicit ScopedSpinLock(VeskSpinLock& lock) noexcept : lock_(lock) { acquire(lock_); }

@@ -10,15 +10,17 @@
  *     uint32_t mode = __VeskRegisterStringEnumOption(parser, "-mode", "how to look", "full", 0, 1);
  *     __VeskSetValidStringOptionArgumentWithEnum(parser, mode, "full", FULL);
  *     __VeskSetValidStringOptionArgumentWithEnum(parser, mode, "fast", FAST);
- *     if (!__VeskParseOptions2(parser, argc, argv)) return __VeskPrintHelp(parser, 0), 1;     // -depth 8
- * -mode fast keepFrames(__VeskGetIntegerOptionValue(parser, depth), __VeskGetStringOptionEnumValue(parser,
- * mode) == FAST);
+ *     if (!__VeskParseOptions2(parser, argc, argv)) {                    // -depth 8 -mode fast
+ *       __VeskPrintHelp(parser, 0);
+ *       return 1;
+ *     }
+ *     keepFrames(__VeskGetIntegerOptionValue(parser, depth));
+ *     if (__VeskGetStringOptionEnumValue(parser, mode) == FAST) hurry();
  *
  * On the command line an option begins with '-'. A boolean stands alone and is negated by "no-" behind its
  * '-': -no-verbose sets -verbose to 0. Any other option takes the next argument as its value, which therefore
- * cannot begin with '-'. There is no
- * "--", no "name=value" and no bundling; options come in any order, and a repeated option sets its value anew
- * or, if it is an append option, adds one.
+ * cannot begin with '-'. There is no "--", no "name=value" and no bundling; options come in any order, and a
+ * repeated option sets its value anew or, if it is an append option, adds one.
  *
  * Wrong use by the tool is a tool defect: a wrong id, an operation of another type, a value that is not among
  * the valid arguments. It ends the process through __VeskLogFatalToolDefect, and is marked "Fatal" below. All

@@ -1,0 +1,119 @@
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "support/child.h"
+#include "support/test_host.h"
+#include "veskrt/options.h"
+
+namespace {
+
+using Arguments = std::vector<const char*>;
+
+struct CommandLine : testing::Test {
+  uint32_t parser, verbose, level, name, out;
+
+  void SetUp() override {
+    test::startRuntime();
+    const uint32_t other = __VeskGetOptionParser("other");
+    for (const char* foreign : {"-level", "-foreign"})
+      __VeskRegisterBooleanOption(other, foreign, "", 0, 0, 1);
+    parser = __VeskGetOptionParser("mytool");
+    verbose = __VeskRegisterBooleanOption(parser, "-verbose", "say more", 0, 0, 1);
+    level = __VeskRegisterIntegerOption(parser, "-level", "how deep", -3, 0, 1);
+    name = __VeskRegisterStringOption(parser, "-name", "a text", nullptr, 0, 0, 0);
+    out = __VeskRegisterPathOption(parser, "-out", "files", "a//b", 0, 1, 1);
+  }
+
+  int parse(const Arguments& arguments) const {
+    return __VeskParseOptions2(parser, static_cast<uint32_t>(arguments.size()), arguments.data());
+  }
+
+  // Whether the log has the texts in this order behind what the last call looked at.
+  bool logGained(const std::vector<std::string>& texts) {
+    const std::string log = test::readFile("vesklog.log");
+    size_t at = logRead;
+    for (const std::string& text : texts) at = std::min(log.find(text, at), log.size());
+    logRead = log.size();
+    return at < log.size();
+  }
+  size_t logRead = 0;
+};
+
+std::string comment(const std::string& text) { return "\t<!-- " + text + " -->\n"; }
+
+} // namespace
+
+TEST_F(CommandLine, SetsOptionsInAnyOrder) {
+  const uint32_t dash = __VeskRegisterBooleanOption(parser, "-", "", 1, 0, 1);
+  const uint32_t odd = __VeskRegisterBooleanOption(parser, "-no-cache", "", 1, 0, 1);
+  EXPECT_EQ(__VeskParseOptions2(parser, 0, nullptr), 1);
+  EXPECT_EQ(parse({"-out", "x//y", "-verbose", "-name", "", "-level", "0x10", "-out", "z", "-name", "n"}), 1);
+  EXPECT_EQ(__VeskGetBooleanOptionValue(parser, verbose), 1);
+  EXPECT_EQ(__VeskGetIntegerOptionValue(parser, level), 16);
+  EXPECT_STREQ(__VeskGetStringOptionValue(parser, name), "n");
+  EXPECT_STREQ(__VeskGetPathOptionArgumentValue(parser, out, 2), "z");
+  EXPECT_EQ(parse({"-no-verbose", "-no-no-cache", "-no-"}), 1);
+  for (const uint32_t option : {verbose, odd, dash})
+    EXPECT_EQ(__VeskGetBooleanOptionValue(parser, option), 0);
+  EXPECT_EQ(parse({"-no-cache"}), 0) << "negates -cache, which is not there";
+}
+
+TEST_F(CommandLine, StopsAtTheFirstRefusalAndLogsIt) {
+  const auto refused = [this](Arguments arguments, const std::string& type, const std::string& details) {
+    const std::string argument = arguments[0];
+    arguments.insert(arguments.begin(), {"-level", "9", "-no-verbose"});
+    if (argument != "-name") arguments.push_back("-verbose");
+    EXPECT_EQ(parse(arguments), 0) << details;
+    EXPECT_TRUE(logGained({"<type>" + type, "<arg name='option'>" + argument + "</arg>", comment(details)}))
+        << details << test::readFile("vesklog.log");
+    EXPECT_EQ(__VeskGetIntegerOptionValue(parser, level), 9) << "what came before stays";
+    EXPECT_EQ(__VeskGetBooleanOptionValue(parser, verbose), 0) << "what comes behind is not looked at";
+  };
+  refused({"verbose"}, "BAD_OPTION", "Bad command line option: verbose used with tool: mytool");
+  for (const std::string argument : {"-verb", "-foreign", "-no-", "-no"}) {
+    refused({argument.c_str()}, "BAD_OPTION",
+            "Invalid command line option: " + argument + " used with tool: mytool");
+  }
+  refused({"-no-level", "1"}, "BAD_OPTION",
+          "Invalid negation for command line option: -no-level used with tool: mytool");
+  refused({"-out", "-x"}, "BAD_ARGUMENT", "No arguments for command line option: -out");
+  refused({"-name"}, "BAD_ARGUMENT", "No arguments for command line option: -name");
+  refused({"-level", "12abc"}, "BAD_ARGUMENT", "Bad integer value: 12abc for command line option: -level");
+}
+
+TEST_F(CommandLine, ConvertsIntegers) {
+  for (const auto& [text, value] :
+       {std::pair("010", 8), {"0XbB", 187}, {" 5", 5}, {"+5", 5}, {" -0", 0}, {"0x7fffffff", 2147483647}}) {
+    EXPECT_EQ(parse({"-level", text}), 1) << text;
+    EXPECT_EQ(__VeskGetIntegerOptionValue(parser, level), value) << text;
+  }
+  for (const char* text : {"", "0x", "08", "0b11", "5 ", " -5", "2147483648", "4294967297",
+                           "9223372036854775808", "18446744073709551617", "-0"}) {
+    EXPECT_EQ(parse({"-level", text}), 0) << text;
+  }
+}
+
+TEST_F(CommandLine, HelpListsDefaultsAndTheLogValues) {
+  parse({"-level", "4", "-verbose"});
+  const std::string help = "\nmytool tool options are the following:\n"
+                           "   -verbose                           say more default: false\n"
+                           "   -level                             how deep default: -3\n"
+                           "   -out                               files default: a/b\n";
+  EXPECT_EQ(test::runInChild([&] { __VeskPrintHelp(parser, 0); }).output, help);
+  const std::string all = test::runInChild([] { __VeskPrintHelpAll(1); }).output;
+  EXPECT_EQ(all.find("\nother tool options are the following:\n   -level  "), 0u);
+  EXPECT_NE(all.find("   -name                              a text default: none\n"), std::string::npos);
+
+  __VeskLogToolOptionValues(parser);
+  EXPECT_TRUE(logGained(
+      {comment("mytool's options are the following: ") + comment("-verbose                           true") +
+       comment("-level                             4") + comment("-name                              none") +
+       comment("-out                               a/b, ")}));
+  for (int i = 0; i < 300; ++i) parse({"-out", "12345678"}); // ten bytes each in the list
+  __VeskLogToolOptionValues(parser);
+  std::string joined = "-out                               ";
+  for (int i = 0; i < 204; ++i) joined += "12345678, ";
+  EXPECT_TRUE(logGained({comment(joined + "1234567")}));
+}

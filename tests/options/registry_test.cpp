@@ -1,0 +1,172 @@
+#include <atomic>
+#include <functional>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "support/child.h"
+#include "support/test_host.h"
+#include "veskrt/options.h"
+
+namespace {
+
+bool logHolds(const std::string& text) {
+  return test::readFile("vesklog.log").find(text) != std::string::npos;
+}
+
+// Options of parser `p` under fixed names.
+uint32_t newBoolean(uint32_t p) { return __VeskRegisterBooleanOption(p, "-b", "", 5, 0, 1); }
+uint32_t newInteger(uint32_t p) { return __VeskRegisterIntegerOption(p, "-i", "", 7, 0, 1); }
+uint32_t newString(uint32_t p, const char* name = "-s") {
+  return __VeskRegisterStringOption(p, name, "", nullptr, 42, 0, 1);
+}
+uint32_t newEnum(uint32_t p) { return __VeskRegisterStringEnumOption(p, "-m", "", nullptr, 0, 1); }
+uint32_t newPaths(uint32_t p) { return __VeskRegisterPathOption(p, "-p", "", "x//y///z", 0, 1, 1); }
+
+} // namespace
+
+TEST(Values, AreTheDefaultUntilSet) {
+  test::startRuntime();
+  const uint32_t p = __VeskGetOptionParser("tool"), b = newBoolean(p), s = newString(p), paths = newPaths(p);
+  EXPECT_EQ(__VeskGetBooleanOptionValue(p, b), 1);
+  EXPECT_STREQ(__VeskGetPathOptionValue(p, paths), "x/y/z");
+  EXPECT_EQ(__VeskGetPathOptionArgumentValue(p, paths, 2), nullptr);
+  EXPECT_EQ(__VeskIsOptionSet(p, paths), 0);
+  EXPECT_FALSE(logHolds("does not have an argument"));
+
+  __VeskSetStringOption(p, s, "first and last");
+  __VeskSetStringOption(p, s, __VeskGetStringOptionValue(p, s) + 10); // out of what it replaces
+  EXPECT_STREQ(__VeskGetStringOptionValue(p, s), "last");
+  EXPECT_EQ(__VeskGetStringOptionArgumentValue(p, s, 2), nullptr);
+  EXPECT_TRUE(logHolds("<!-- Option -s does not have an argument #2 -->"));
+
+  std::string seen;
+  const auto visit = [](const char* text, void* context) {
+    *static_cast<std::string*>(context) += std::string(text) + ";";
+    return 1 - __VeskSetPathOption(0, 2, "more"); // comes too late for this round
+  };
+  __VeskProcessAppendOptionValues(p, paths, visit, &seen);
+  EXPECT_EQ(seen, "") << "the default is no value";
+  for (const char* text : {"a//b", "c//", "a//b"}) __VeskSetStringOption(p, paths, text);
+  __VeskProcessAppendOptionValues(p, paths, visit, &seen);
+  EXPECT_EQ(seen, "a/b;c/;a/b;");
+  EXPECT_EQ(__VeskGetOptionNumberOfArguments(p, paths), 6u);
+}
+
+TEST(Values, AreMatchedAgainstTheBeginningsOfValidArguments) {
+  test::startRuntime();
+  const uint32_t p = __VeskGetOptionParser("tool"), m = newEnum(p);
+  EXPECT_EQ(__VeskGetStringOptionEnumValue(p, m), -1) << "no text";
+  __VeskSetValidStringOptionArgument(p, m, nullptr); // matches no text
+  __VeskSetValidStringOptionArgumentWithEnum(p, m, "full", 3);
+  __VeskSetValidStringOptionArgumentWithEnum(p, m, "fast", 4);
+  for (const auto& [text, value] : {std::pair("", 3), {"f", 3}, {"full", 3}, {"fa", 4}}) {
+    __VeskSetStringOption(p, m, text);
+    EXPECT_STREQ(__VeskGetStringOptionValue(p, m), text);
+    EXPECT_EQ(__VeskGetStringOptionEnumValue(p, m), value) << text;
+  }
+}
+
+TEST(Misuse, EndsTheProcessAndSaysWhyInTheLog) {
+  const auto dies = [](const std::string& text, const std::function<void(uint32_t parser)>& misuse) {
+    const auto child = test::runInChild([&] {
+      test::startRuntime();
+      misuse(__VeskGetOptionParser("tool"));
+    });
+    EXPECT_EQ(child.exitStatus, 255) << text;
+    EXPECT_TRUE(logHolds("<!-- " + text + " -->")) << text << test::readFile("vesklog.log");
+  };
+  const std::string ids = "A valid option id and parser id must be specified to ";
+  dies("A valid option name, description and parser handle must be specified to register an option with "
+       "VESKRT",
+       [](auto p) { newString(p + 1); });
+  dies("A valid option name starting with '-' must be specified to register the option with VESKRT",
+       [](auto p) { newString(p, "s"); });
+  dies(ids + "register an option argument for an option in VESKRT",
+       [](auto p) { __VeskSetValidIntegerOptionArgument(p, 256, 1); });
+  dies("Registering valid arguments for append options is not currenctly supported",
+       [](auto p) { __VeskSetValidStringOptionArgument(p, newPaths(p), "x"); });
+  dies("Only string and integer option types can register valid arguments",
+       [](auto p) { __VeskSetValidIntegerOptionArgument(p, newBoolean(p), 1); });
+  dies(ids + "get the value of the option", [](auto p) { __VeskSetIntegerOption(p, newBoolean(p), 1); });
+  dies(ids + "get the value of the option", [](auto p) { __VeskGetStringOptionEnumValue(p, newString(p)); });
+  dies("Null string used to set string option",
+       [](auto p) { __VeskSetStringOption(p, newEnum(p), nullptr); });
+  dies("Invalid argument [fullest, -1] used to set Option -s", [](auto p) {
+    __VeskSetValidStringOptionArgument(p, newString(p), "full");
+    __VeskSetStringOption(p, 0, "fullest");
+  });
+  dies("Invalid argument [\"\", 4] used to set Option -i", [](auto p) {
+    __VeskSetValidIntegerOptionArgument(p, newInteger(p), 5);
+    __VeskSetIntegerOption(p, 0, 5);
+    __VeskSetIntegerOption(p, 0, 4);
+  });
+  dies(ids + "check if an option is set", [](auto p) { __VeskIsOptionSet(p, 0); });
+  dies(ids + "check if an option is sets",
+       [](auto p) { __VeskProcessAppendOptionValues(p, 0, nullptr, nullptr); });
+  dies("A iterator can be applied only to string and path append options.",
+       [](auto p) { __VeskProcessAppendOptionValues(p, newString(p), nullptr, nullptr); });
+}
+
+TEST(Tables, HandOutEachSlotOnceToAnyNumberOfThreads) {
+  test::startRuntime();
+  std::atomic<uint32_t> parsers{0}, options{0}, mismatches{0};
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 4; ++t) {
+    threads.emplace_back([&] {
+      for (int i = 0; i < 70; ++i) {
+        const uint32_t p = __VeskGetOptionParser("tool");
+        if (p != VESK_INVALID_ID) ++parsers;
+        const std::string name = "-" + std::to_string(t) + "." + std::to_string(i);
+        const uint32_t id = newString(0, name.c_str());
+        if (id == VESK_INVALID_ID) continue;
+        ++options;
+        const char* const argv[] = {name.c_str(), "c"}; // looks through what the others are registering
+        mismatches += __VeskParseOptions2(0, 2, argv) != 1 || __VeskGetOptionName(0, id) != name;
+      }
+    });
+  }
+  for (auto& thread : threads) thread.join();
+  EXPECT_EQ(parsers, 16u);
+  EXPECT_EQ(options, 256u);
+  EXPECT_EQ(mismatches, 0u);
+  EXPECT_EQ(newInteger(3), VESK_INVALID_ID);
+  for (const uint32_t id : {256u, 0x10000u, VESK_INVALID_ID}) {
+    EXPECT_EQ(__VeskGetOptionName(3, id), nullptr);
+    EXPECT_EQ(__VeskGetOptionNumberOfArguments(3, id), 0u);
+    EXPECT_EQ(__VeskGetOptionFlags(3, id), VESK_INVALID_ID);
+  }
+  EXPECT_TRUE(logHolds("<!-- Invalid option parser id or option id used to get option flags -->"));
+}
+
+TEST(Release, GivesEverythingBackAndDetachesTheOptions) {
+  test::startRuntime();
+  const std::string large = "-" + std::string(40000, 'x'),
+                    more = large + "x"; // each copy is a block of the host's
+  const char* const text = large.c_str();
+  int64_t held = 0;
+  for (uint32_t p = 0; p < 3; ++p) {
+    ASSERT_EQ(__VeskGetOptionParser(text), p);
+    const uint32_t paths = __VeskRegisterPathOption(p, text, text, text, 0, 1, 1), m = newEnum(p);
+    for (int k = 0; k < 3000; ++k) __VeskSetPathOption(p, paths, k < 3 ? text : "a");
+    for (int k = 0; k < 3000; ++k) __VeskSetValidStringOptionArgument(p, m, k < 3 ? text : "b");
+    for (int k = 0; k < 3; ++k) __VeskSetStringOption(p, m, text);
+
+    EXPECT_EQ(__VeskReleaseOptionParserHandle(p, "-xxx"), 0) << "only the beginning of the name";
+    EXPECT_EQ(__VeskReleaseOptionParserHandle(p + 1, text), 0);
+    EXPECT_EQ(__VeskReleaseOptionParserHandle(p, more.c_str()), 1);
+    EXPECT_EQ(__VeskReleaseOptionParserHandle(p, more.c_str()), 0);
+    if (held == 0) held = test::host().liveBytes; // what slabs keep
+    EXPECT_EQ(test::host().liveBytes, held) << p;
+
+    for (const uint32_t parser : {p, VESK_INVALID_ID}) { // the mark of a released option is no parser
+      EXPECT_EQ(__VeskGetOptionName(parser, m), nullptr);
+      EXPECT_EQ(__VeskGetOptionFlags(parser, m), VESK_INVALID_ID);
+      EXPECT_EQ(__VeskParseOptions(parser, 1, &text), 0);
+      __VeskLogToolOptionValues(parser);
+      __VeskPrintHelp(parser, 1);
+    }
+  }
+}

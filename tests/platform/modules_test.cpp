@@ -1,0 +1,140 @@
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <random>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include "support/test_host.h"
+#include "veskrt/modules.h"
+#include "veskrt/runtime.h"
+
+namespace {
+
+int randCalls = 0;
+int randResult = 0;
+
+} // namespace
+
+// Stands before the C library's own for the library under test.
+extern "C" int rand() noexcept {
+  ++randCalls;
+  return randResult;
+}
+
+TEST(ModuleMap, HasElevenLevelsAtMostAndFallsWhenTheyEmpty) {
+  test::installHost();
+  // How often registering 30 modules asks for a random number: each does unless the top level is in use.
+  const auto load = [](uint64_t first, int result) {
+    randCalls = 0;
+    randResult = result;
+    for (uint64_t i = 0; i < 30; ++i) __VeskLoadModule(i, first + i, first + i + 1);
+    return randCalls;
+  };
+  EXPECT_EQ(load(0x1000, 214748364), 30) << "just not a raise";
+  EXPECT_EQ(load(0x2000, 214748363), 10);
+  for (uint64_t i = 0; i < 30; ++i) __VeskUnloadModule(0, 0x1000 + i);
+  EXPECT_EQ(load(0x1000, 0), 0) << "the tall entries are still there";
+  for (const uint64_t first : {0x1000, 0x2000}) {
+    for (uint64_t i = 0; i < 30; ++i) __VeskUnloadModule(0, first + i);
+  }
+  EXPECT_EQ(load(0x1000, 0), 10) << "from the bottom again";
+}
+
+TEST(ModuleMap, AgreesWithAnOrderedMap) {
+  test::installHost();
+  uint64_t handle = 0;
+  EXPECT_EQ(__VeskGetModuleForVariable(1, &handle), 0u);
+  __VeskUnloadModule(0, 1);
+  std::mt19937 random(7);
+  std::map<uint64_t, std::pair<uint64_t, uint64_t>> expected; // start: end, handle
+  for (uint64_t step = 0; step < 40000; ++step) {
+    randResult = static_cast<int>(random() >> 1);
+    const uint64_t start = 0x10000 + random() % 300 * 8;
+    if (random() % 3 < (step % 10000 < 5000 ? 2u : 1u)) {
+      const uint64_t end = start + 1 + random() % 8;
+      EXPECT_NE(__VeskLoadModule(step, start, end), nullptr);
+      expected.emplace(start, std::pair(end, step)); // the first registration stands
+    } else {
+      __VeskUnloadModule(0, start);
+      expected.erase(start);
+    }
+    const uint64_t address = 0xFFFF + random() % 2500;
+    handle = 0;
+    auto below = expected.lower_bound(address);
+    const bool found = below != expected.begin() && (--below)->second.first > address;
+    ASSERT_EQ(__VeskGetModuleForVariable(address, &handle), found ? below->first : 0) << step;
+    ASSERT_EQ(handle, found ? below->second.second : 0) << step;
+  }
+}
+
+TEST(Mappings, AreFoundWithTheirEndIncluded) {
+  test::installHost();
+  const auto page = static_cast<uint64_t>(getpagesize());
+  auto* const pages =
+      static_cast<char*>(mmap(nullptr, 4 * page, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
+  mprotect(pages + page, page, PROT_READ);
+  mprotect(pages + 2 * page, page, PROT_READ | PROT_WRITE);
+  const auto start = reinterpret_cast<uint64_t>(pages);
+  const auto check = [&] {
+    for (int i = 0; i < 20; ++i) {
+      uint64_t end = 0;
+      EXPECT_EQ(__VeskGetModuleAddressRange(start + 2 * page, &end), start + page)
+          << "the lower of two that touch";
+      EXPECT_EQ(end, start + 2 * page);
+      EXPECT_EQ(__VeskGetThreadStackBaseAndSize(start + 2 * page + 1, &end), page);
+      EXPECT_EQ(end, start + 3 * page);
+      EXPECT_EQ(__VeskGetThreadStackBaseAndSize(16, &end), 0u);
+      EXPECT_EQ(end, 0u);
+    }
+  };
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 4; ++t) threads.emplace_back(check);
+  for (auto& thread : threads) thread.join();
+
+  uint64_t end = 99;
+  EXPECT_EQ(__VeskGetModuleAddressRange(start + page, nullptr), 0u);
+  __VeskSetGetPidProc(nullptr);
+  EXPECT_EQ(__VeskGetModuleAddressRange(start + page, &end), 0u);
+  EXPECT_EQ(end, 99u);
+}
+
+// The map shows an end of line in a file's path in four characters, so that a path can exceed any buffer for
+// one.
+TEST(Mappings, AreNotReadOutOfTheRestOfALongLine) {
+  test::installHost();
+  constexpr size_t kPieceLength = 4175, kPathColumn = 73;
+  const std::string trap = "0-ffffffffffffffff";
+  size_t length = kPathColumn + std::filesystem::current_path().string().size();
+  const auto enter = [&](const std::string& directory, size_t shownAs) {
+    std::filesystem::create_directory(directory);
+    std::filesystem::current_path(directory);
+    length += 1 + shownAs;
+  };
+  while (kPieceLength - length > 1100) enter(std::string(200, '\n'), 800);
+  while (kPieceLength - length > 230) enter(std::string(200, 'd'), 200);
+  const int file = open((std::string(kPieceLength - length - 1, 'd') + trap).c_str(), O_CREAT | O_RDWR, 0600);
+  ASSERT_NE(mmap(nullptr, 1, PROT_READ, MAP_PRIVATE, file, 0), MAP_FAILED);
+
+  std::ifstream map("/proc/self/maps");
+  std::string text;
+  while (text.size() <= kPieceLength) ASSERT_TRUE(std::getline(map, text));
+  ASSERT_EQ(text.substr(kPieceLength), trap);
+  uint64_t end;
+  EXPECT_EQ(__VeskGetModuleAddressRange(16, &end), 0u);
+}
+
+TEST(Images, AreLoadedAndSearched) {
+  EXPECT_EQ(__VeskRtLoadImage("./missing.so"), nullptr);
+  void* const image = __VeskRtLoadImage("libm.so.6");
+  EXPECT_EQ(__VeskRtGetSymbol(image, "noSuchSymbol"), nullptr);
+  EXPECT_EQ(reinterpret_cast<double (*)(double)>(__VeskRtGetSymbol(image, "sqrt"))(4), 2);
+  EXPECT_EQ(__VeskRtGetSymbol(nullptr, "getpid"), nullptr)
+      << "null is no handle, though the loader takes it for one";
+}

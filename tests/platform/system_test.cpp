@@ -1,0 +1,57 @@
+#include <cstring>
+#include <fstream>
+#include <string>
+
+#include <cpuid.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include "platform/processor_count.h"
+#include "veskrt/system.h"
+
+namespace {
+
+uint32_t count(const std::string& stat, const std::string& cpuinfo) {
+  std::remove("stat");
+  if (!stat.empty()) std::ofstream("stat") << stat;
+  if (!cpuinfo.empty()) std::ofstream("cpuinfo") << cpuinfo;
+  return vesk::countProcessors("stat", "cpuinfo");
+}
+
+// A line of a length whose rest, beyond a buffer of 1,024 bytes, reads as the beginning of another.
+std::string line(std::string text, size_t length, const std::string& rest) {
+  for (text.resize(1023, ' '); text.size() < length; text += rest) {
+  }
+  return text.substr(0, length - 1) + "\n";
+}
+
+} // namespace
+
+TEST(Processors, AreCountedByLines) {
+  EXPECT_EQ(count("", ""), 0u);
+  const std::string three = "cpu  1 2 3\ncpu0 1 1\ncpu1 1 1\ncpu12 1 1\n";
+  const std::string entry = "processor : 0\n" + line("flags", 4000, "processor ") + "\n";
+  EXPECT_EQ(count(three + "intr 5\ncpu3 1\n", entry), 3u);
+  EXPECT_EQ(count(three + "cpufreq\ncpu3", entry), 4u) << "no digit, and no end of line at the end";
+  EXPECT_EQ(count("", entry + entry + "vendor\n" + entry + "processor"), 4u);
+  for (const size_t length : {1023, 1024, 1025, 1027, 2047, 5000}) {
+    EXPECT_EQ(count(line("cpu  1", length, "cpu9") + line("cpu0 1", length, "intr") + "cpu1 1\n", ""), 2u)
+        << length;
+  }
+  EXPECT_GE(__VeskGetNProcs(), 1u);
+}
+
+TEST(Processor, TellsAboutItself) {
+  VeskCpuid expected, result;
+  for (const uint32_t subleaf : {1u, 2u, 0u}) {
+    __cpuid_count(13, subleaf, expected.eax, expected.ebx, expected.ecx, expected.edx);
+    __VeskCpuidEx(13, subleaf, &result);
+    EXPECT_EQ(std::memcmp(&result, &expected, sizeof result), 0) << subleaf;
+  }
+  __VeskCpuidEx(0, 0, nullptr);
+  const uint32_t size = __get_cpuid_max(0, nullptr) > 12 && result.ecx != 0 ? result.ecx : 512;
+  for (int call = 0; call < 2; ++call) {
+    EXPECT_EQ(__VeskGetXsaveAreaMaxSize(), size);
+    EXPECT_EQ(__VeskGetNativePageSize(), static_cast<uint32_t>(getpagesize()));
+  }
+}

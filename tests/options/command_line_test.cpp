@@ -41,7 +41,7 @@ struct CommandLine : testing::Test {
   size_t logRead = 0;
 };
 
-std::string comment(const std::string& text) { return "\t<!-- " + text + " -->\n"; }
+std::string comment(const std::string& text) { return "\n\t<!-- " + text + " -->"; }
 
 } // namespace
 

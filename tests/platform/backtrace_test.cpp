@@ -10,11 +10,8 @@
 namespace {
 
 uint16_t capture(const void* start, std::vector<void*>& frames) {
-  frames.assign(VESK_MAX_BACKTRACE_FRAMES + 1, nullptr);
-  const auto address = reinterpret_cast<uint64_t>(start);
-  const uint16_t count = __VeskCaptureStackBackTrace(1, 2, 3, address, 5, frames.data());
-  EXPECT_EQ(frames.back(), nullptr) << "more than was asked for";
-  return count;
+  frames.assign(VESK_MAX_BACKTRACE_FRAMES, nullptr); // what lies behind, address sanitizer watches
+  return __VeskCaptureStackBackTrace(1, 2, 3, reinterpret_cast<uint64_t>(start), 5, frames.data());
 }
 
 // Takes every trace there is, `depth` calls deep.
@@ -27,10 +24,11 @@ __attribute__((noinline)) void check(int depth) {
   std::vector<void*> all, trimmed;
   EXPECT_EQ(capture(nullptr, all), 0) << "null is not on the stack";
   all.resize(capture(all[0], all));
-  ASSERT_NE(std::find(all.begin() + 1, all.end(), __builtin_return_address(0)), all.end());
-  for (size_t i = 3; i < all.size(); ++i) { // those before depend on the place of the call
-    trimmed.resize(capture(all[i], trimmed));
-    EXPECT_EQ(trimmed, std::vector(std::find(all.begin(), all.end(), all[i]), all.end())) << i;
+  auto frame = std::find(all.begin() + 1, all.end(), __builtin_return_address(0));
+  ASSERT_NE(frame, all.end());
+  for (; frame != all.end(); ++frame) { // those before depend on the place of the call
+    trimmed.resize(capture(*frame, trimmed));
+    EXPECT_EQ(trimmed, std::vector(std::find(all.begin(), all.end(), *frame), all.end()));
   }
   char** const names = __VeskGetStackBackTraceSymbols(all.data(), static_cast<int>(all.size()));
   EXPECT_NE(std::strchr(names[all.size() - 1], '['), nullptr);
@@ -39,7 +37,4 @@ __attribute__((noinline)) void check(int depth) {
 
 } // namespace
 
-TEST(BackTrace, BeginsWithTheStartAddress) {
-  check(3);
-  check(60);
-}
+TEST(BackTrace, BeginsWithTheStartAddress) { check(3), check(60); }

@@ -20,8 +20,8 @@ uint32_t count(const std::string& stat, const std::string& cpuinfo) {
 
 // A line of a length whose rest, beyond a buffer of 1,024 bytes, reads as the beginning of another.
 std::string line(std::string text, size_t length, const std::string& rest) {
-  for (text.resize(1023, ' '); text.size() < length; text += rest) {
-  }
+  text.resize(1023, ' ');
+  while (text.size() < length) text += rest;
   return text.substr(0, length - 1) + "\n";
 }
 
@@ -35,8 +35,7 @@ TEST(Processors, AreCountedByLines) {
   EXPECT_EQ(count(three + "cpufreq\ncpu3", entry), 4u) << "no digit, and no end of line at the end";
   EXPECT_EQ(count("", entry + entry + "vendor\n" + entry + "processor"), 4u);
   for (const size_t length : {1023, 1024, 1025, 1027, 2047, 5000}) {
-    EXPECT_EQ(count(line("cpu  1", length, "cpu9") + line("cpu0 1", length, "intr") + "cpu1 1\n", ""), 2u)
-        << length;
+    EXPECT_EQ(count(line("cpu  1", length, "cpu9") + line("cpu0", length, "intr") + "cpu1\n", ""), 2u);
   }
   EXPECT_GE(__VeskGetNProcs(), 1u);
 }

@@ -184,7 +184,7 @@ int setValue(Option& option, std::int32_t intValue, const char* text) noexcept {
 
 bool isSet(const Option& option) noexcept { return option.values == &option.firstValue; }
 
-std::int32_t intValue(const Option& option) noexcept {
+std::int32_t currentNumber(const Option& option) noexcept {
   if (option.values == nullptr) {
     __VeskLogFatalToolDefect("Option %s is not initialized correctly", shown(option.name));
   }
@@ -302,11 +302,11 @@ int __VeskSetStringOption(uint32_t parser, uint32_t option, const char* text) {
 }
 
 int32_t __VeskGetBooleanOptionValue(uint32_t parser, uint32_t option) {
-  return intValue(findForValue(parser, option, OptionType::Boolean));
+  return currentNumber(findForValue(parser, option, OptionType::Boolean));
 }
 
 int32_t __VeskGetIntegerOptionValue(uint32_t parser, uint32_t option) {
-  return intValue(findForValue(parser, option, OptionType::Integer));
+  return currentNumber(findForValue(parser, option, OptionType::Integer));
 }
 
 const char* __VeskGetStringOptionValue(uint32_t parser, uint32_t option) {

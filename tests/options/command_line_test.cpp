@@ -1,4 +1,5 @@
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -32,13 +33,10 @@ struct CommandLine : testing::Test {
     return __VeskParseOptions2(parser, static_cast<uint32_t>(arguments.size()), arguments.data());
   }
 
-  // Whether the log has the texts in this order behind what the last call looked at.
-  bool logGained(const std::vector<std::string>& texts) {
+  // What the log has gained since the last call.
+  std::string records() {
     const std::string log = test::readFile("vesklog.log");
-    size_t at = logRead;
-    for (const std::string& text : texts) at = std::min(log.find(text, at), log.size());
-    logRead = log.size();
-    return at < log.size();
+    return log.substr(std::exchange(logRead, log.size()));
   }
 };
 
@@ -47,7 +45,6 @@ struct CommandLine : testing::Test {
 TEST_F(CommandLine, SetsOptionsInAnyOrder) {
   const uint32_t dash = __VeskRegisterBooleanOption(parser, "-", "", 1, 0, 1);
   const uint32_t odd = __VeskRegisterBooleanOption(parser, "-no-cache", "", 1, 0, 1);
-  EXPECT_EQ(__VeskParseOptions2(parser, 0, nullptr), 1);
   EXPECT_EQ(parse({"-out", "x//y", "-verbose", "-name", "", "-level", "0x10", "-out", "z", "-name", "n"}), 1);
   EXPECT_EQ(__VeskGetBooleanOptionValue(parser, verbose), 1);
   EXPECT_EQ(__VeskGetIntegerOptionValue(parser, level), 16);
@@ -63,8 +60,10 @@ TEST_F(CommandLine, StopsAtTheFirstRefusalAndLogsIt) {
     arguments.insert(arguments.begin(), {"-level", "9", "-no-verbose"});
     if (argument != "-name") arguments.push_back("-verbose");
     EXPECT_EQ(parse(arguments), 0) << details;
-    EXPECT_TRUE(logGained({"<type>" + type, "<arg name='option'>" + argument + "</arg>", comment(details)}))
-        << details << test::readFile("vesklog.log");
+    const std::string log = records();
+    const size_t record = log.find(type + "</type>"), text = log.find(comment(details));
+    const size_t option = log.find("<arg name='option'>" + argument + "</arg>");
+    EXPECT_TRUE(record < option && option < text && text < log.size()) << details << log;
     EXPECT_EQ(__VeskGetIntegerOptionValue(parser, level), 9) << "what came before stays";
     EXPECT_EQ(__VeskGetBooleanOptionValue(parser, verbose), 0) << "what comes behind is not looked at";
   };
@@ -103,13 +102,15 @@ TEST_F(CommandLine, HelpListsDefaultsAndTheLogValues) {
   EXPECT_NE(all.find("a text default: none\n"), std::string::npos);
 
   __VeskLogToolOptionValues(parser);
-  EXPECT_TRUE(logGained(
-      {comment("mytool's options are the following: ") + comment("-verbose                           true") +
-       comment("-level                             4") + comment("-name                              none") +
-       comment("-out                               a/b, ")}));
+  const std::string log = records(), list = comment("mytool's options are the following: ") +
+                                            comment("-verbose                           true") +
+                                            comment("-level                             4") +
+                                            comment("-name                              none") +
+                                            comment("-out                               a/b, ");
+  EXPECT_NE(log.find(list), std::string::npos) << log;
   for (int i = 0; i < 300; ++i) parse({"-out", "12345678"}); // ten bytes each in the list
   __VeskLogToolOptionValues(parser);
   std::string joined = "-out                               ";
   for (int i = 0; i < 204; ++i) joined += "12345678, ";
-  EXPECT_TRUE(logGained({comment(joined + "1234567")}));
+  EXPECT_NE(records().find(comment(joined + "1234567")), std::string::npos);
 }

@@ -42,15 +42,14 @@ TEST(Processors, AreCountedByLines) {
 
 TEST(Processor, TellsAboutItself) {
   VeskCpuid expected, result;
-  for (const uint32_t subleaf : {1u, 2u, 0u}) {
+  for (const uint32_t subleaf : {1u, 0u}) {
     __cpuid_count(13, subleaf, expected.eax, expected.ebx, expected.ecx, expected.edx);
     __VeskCpuidEx(13, subleaf, &result);
     EXPECT_EQ(std::memcmp(&result, &expected, sizeof result), 0) << subleaf;
   }
   __VeskCpuidEx(0, 0, nullptr);
-  const uint32_t size = __get_cpuid_max(0, nullptr) > 12 && result.ecx != 0 ? result.ecx : 512;
-  for (int call = 0; call < 2; ++call) {
-    EXPECT_EQ(__VeskGetXsaveAreaMaxSize(), size);
+  const bool known = __get_cpuid_max(0, nullptr) > 12 && result.ecx != 0;
+  for (int call = 0; call < 2; ++call) EXPECT_EQ(__VeskGetXsaveAreaMaxSize(), known ? result.ecx : 512);
+  for (int call = 0; call < 2; ++call)
     EXPECT_EQ(__VeskGetNativePageSize(), static_cast<uint32_t>(getpagesize()));
-  }
 }

@@ -68,7 +68,7 @@ using Path = Module * [kHighestLevel + 1];
 Module* newModule(std::int32_t highestLevel) noexcept {
   const auto links = static_cast<std::uint32_t>(highestLevel + 1);
   return static_cast<Module*>(
-      __VeskMalloc(VESK_MEMORY_CATEGORY_MISC, sizeof(Module) + links * sizeof(Module*), 0));
+      __VeskMalloc(VESK_MEMORY_CATEGORY_MISC, sizeof(Module) + links * sizeof(void*), 0));
 }
 
 // The last module below the key, which is the head if there is none.

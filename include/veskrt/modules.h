@@ -42,8 +42,9 @@ VESK_API uint64_t __VeskGetThreadStackBaseAndSize(uint64_t address, uint64_t* ba
  * functions. Lookups alone may run side by side. Memory comes from category 0. */
 
 /* Registers the addresses from `start` up to but not including `end` under the collector's own handle. Ranges
- * must not overlap; `start` is the key. Returns a value that is null only when memory ran out; when a module
- * with this start is there already it stays as it is, and the value is not null. */
+ * must not overlap; `start` is the key, and a module that is there already under it stays as it is. Returns a
+ * value that is only to be compared with null, and is null only when memory ran out; with an allocator that
+ * ends the process then, as the library's does, never. */
 VESK_API void* __VeskLoadModule(uint64_t moduleHandle, uint64_t start, uint64_t end);
 
 /* Removes the module with this start, if there is one. The handle is not looked at. */

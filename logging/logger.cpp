@@ -1,18 +1,28 @@
-// The logger: one XML file of records, written whole under the file's lock.
+// The process-wide log.
+//
+// `logFile` names the file; to hold the log is to hold that file while `logFile` names it. A new file is put
+// in place under the old one's lock, so at any time at most one thread holds the log, and what only its
+// holder touches (the record counter, the names of logger handles) needs no lock of its own.
+//
+// The first log lies in memory of its own: the first record may come from a thread inside the allocator, with
+// locks held that the allocator would take again in another order, or with no memory left.
+#include <algorithm>
 #include <charconv>
 #include <cstdarg>
-#include <cstdint>
 #include <cstring>
 #include <ctime>
 
+#include <limits.h>
+#include <pthread.h>
+
 #include "logging/message_types.h"
+#include "logging/xml_file.h"
 #include "runtime/hooks.h"
 #include "runtime/once_guard.h"
 #include "runtime/spin_lock.h"
+#include "veskrt/log.h"
 #include "veskrt/memory.h"
-#include "veskrt/runtime.h"
 #include "veskrt/text.h"
-#include "veskrt/xml.h"
 
 using namespace vesk;
 using namespace vesk::logging;
@@ -22,263 +32,287 @@ namespace {
 constexpr std::int32_t kMostHandles = 16;
 constexpr const char* kOwnName = "veskrt";
 constexpr const char* kDefaultPath = "vesklog.log";
-constexpr const char* kRoot = "log";
-constexpr std::uint64_t kNobody = ~std::uint64_t{0};
+constexpr const char* kSeverityWords[] = {"ERROR", "WARNING", "INFO"};
 
-constinit VeskXMLFile* logFile = nullptr; // set under creationLock, never unset
-constinit std::uint32_t created = 0;
-constinit std::uint32_t creationLock = 0;
-constinit std::uint64_t creator = kNobody; // the thread that holds creationLock
+constinit VeskXMLFile* logFile = nullptr; // never null again once set
+constinit std::uint32_t recordCounter = 1;
 
-constinit std::uint32_t nextRecord = 1; // under the log file's lock
+constinit VeskXMLFile firstLog{};
+constinit char firstLogPath[PATH_MAX] = {}; // what does not fit cannot be opened
 
-// Guards the names against their release; taken inside the log file's lock. The library's own name belongs to
-// nobody.
-constinit VeskSpinLock handleLock = {};
 constinit const char* handleNames[kMostHandles] = {kOwnName};
-constinit std::int32_t handleCount = 1;
+// Stands above the table's size for a moment while a request finds it full.
+constinit std::int32_t handlesTaken = 1;
 
-class ScopedFile {
+// ---- Holding the log ----
+
+// Null while there is no log.
+VeskXMLFile* acquireLog() {
+  for (;;) {
+    VeskXMLFile* const file = loadAcquire(logFile);
+    if (file == nullptr) return nullptr;
+    __VeskXMLAcquireFile(file);
+    if (loadRelaxed(logFile) == file) [[likely]]
+      return file;
+    __VeskXMLReleaseFile(file);
+  }
+}
+
+class ScopedLog {
 public:
-  explicit ScopedFile(VeskXMLFile* file) : file_(file) { __VeskXMLAcquireFile(file_); }
-  ~ScopedFile() { __VeskXMLReleaseFile(file_); }
-  ScopedFile(const ScopedFile&) = delete;
-  ScopedFile& operator=(const ScopedFile&) = delete;
+  ScopedLog() noexcept : file_(acquireLog()) {}
+  ~ScopedLog() { __VeskXMLReleaseFile(file_); }
+  ScopedLog(const ScopedLog&) = delete;
+  ScopedLog& operator=(const ScopedLog&) = delete;
+
+  VeskXMLFile* file() const noexcept { return file_; }
 
 private:
   VeskXMLFile* file_;
 };
 
-// Names the thread that creates the log, for as long as it does.
-class ScopedCreation {
-public:
-  ScopedCreation() : guard_(creationLock) { storeRelaxed(creator, nativeThreadId()); }
-  ~ScopedCreation() { storeRelaxed(creator, kNobody); }
+// ---- Creation ----
 
-private:
-  ScopedOnceGuard guard_;
+constinit std::uint32_t creationGuard = 0;
+// One more than the id of the thread inside the creation; 0 while there is none. Opening a file can bring
+// that thread back here, when the host watches what the C library allocates.
+constinit std::uint64_t creator = 0;
+
+std::uint64_t creatorIdentity() { return nativeThreadId() + 1; }
+
+class ScopedCreator {
+public:
+  ScopedCreator() noexcept { storeRelaxed(creator, creatorIdentity()); }
+  ~ScopedCreator() { storeRelaxed(creator, 0); }
+  ScopedCreator(const ScopedCreator&) = delete;
+  ScopedCreator& operator=(const ScopedCreator&) = delete;
 };
 
-// Caller holds creationLock.
-bool create(const char* source, const char* path, bool append) {
+constinit std::uint32_t preparedForFork = 0;
+
+// A child of fork has one thread: it must find the creation finished, the log free and no record begun.
+void holdLogForFork() {
+  while (!compareAndSwap(creationGuard, 0, 1)) __VeskYield();
+  acquireLog();
+}
+
+void releaseLogAfterFork() {
+  __VeskXMLReleaseFile(loadRelaxed(logFile));
+  storeRelease(creationGuard, 0);
+}
+
+VeskXMLFile* openFirstLog(const char* path, bool append) {
+  FILE* const stream = openXmlStream(path, append);
+  if (stream == nullptr) return nullptr;
+  __VeskStrncpy(firstLogPath, path, sizeof firstLogPath);
+  initializeXmlFile(firstLog, stream, firstLogPath, append);
+  return &firstLog;
+}
+
+bool createLog(const char* source, const char* path, bool append, bool onlyIfNone) {
   if (source == nullptr || path == nullptr || loadAcquire(__veskRtStarted) == 0) return false;
-  VeskXMLFile* const file = __VeskXMLCreateFile(path, append ? 1 : 0);
+  if (loadRelaxed(creator) == creatorIdentity()) return false;
+  if (compareAndSwap(preparedForFork, 0, 1)) {
+    pthread_atfork(holdLogForFork, releaseLogAfterFork, releaseLogAfterFork);
+  }
+  ScopedOnceGuard guard(creationGuard);
+  ScopedCreator mark;
+  VeskXMLFile* const current = loadRelaxed(logFile);
+  if (current != nullptr && onlyIfNone) return true;
+  VeskXMLFile* const file =
+      current == nullptr ? openFirstLog(path, append) : __VeskXMLCreateFile(path, append);
   if (file == nullptr) return false;
-  ScopedFile scope(file); // before anybody else can find it: the root tag comes first
-  storeRelease(logFile, file);
   if (!append) {
-    __VeskXMLStartWritingOpeningTag(file, kRoot);
+    __VeskXMLAcquireFile(file);
+    __VeskXMLStartWritingOpeningTag(file, "log");
     __VeskXMLWriteStringAttribute(file, "version", "2.0");
     __VeskXMLWriteStringAttribute(file, "source", source);
     __VeskXMLFinishWritingOpeningTag(file);
+    __VeskXMLReleaseFile(file);
   }
-  storeRelaxed(created, 1);
+  __VeskXMLAcquireFile(current);
+  storeRelease(logFile, file);
+  __VeskXMLReleaseFile(current);
   return true;
 }
 
-// The log file, created if this is the first record; null when it cannot be. Creating it may itself have
-// something to report: that is dropped.
-VeskXMLFile* openLog() {
-  VeskXMLFile* const file = loadAcquire(logFile);
-  if (file != nullptr) [[likely]]
-    return file;
-  if (loadRelaxed(creator) == nativeThreadId()) return nullptr;
-  ScopedCreation scope;
-  if (loadAcquire(logFile) == nullptr) create(kOwnName, kDefaultPath, false);
-  return loadAcquire(logFile);
-}
+// ---- Records ----
 
 struct Timestamp {
-  Timestamp() {
-    const std::time_t now = std::time(nullptr);
-    std::tm parts = {};
-    localtime_r(&now, &parts);
-    if (asctime_r(&parts, text) == nullptr) text[0] = '\0';
-    for (std::size_t length = std::strlen(text); length > 1 && text[length - 1] <= ' ';)
-      text[--length] = '\0';
-  }
   char text[64];
+
+  Timestamp() noexcept {
+    const std::time_t now = std::time(nullptr);
+    std::tm local;
+    if (localtime_r(&now, &local) == nullptr || asctime_r(&local, text) == nullptr) text[0] = '\0';
+    for (std::size_t end = std::strlen(text); end > 1 && text[end - 1] <= ' ';) text[--end] = '\0';
+  }
 };
 
-const char* severityWord(std::uint32_t severity) {
-  switch (severity) {
-  case VESKLOG_SEVERITY_ERROR:
-    return "ERROR";
-  case VESKLOG_SEVERITY_WARNING:
-    return "WARNING";
+// A number as text.
+struct Digits {
+  char text[24];
+
+  template <class Integer>
+  const char* write(char* at, Integer value, int base = 10) noexcept {
+    *std::to_chars(at, text + sizeof text - 1, value, base).ptr = '\0';
+    return text;
+  }
+  template <class Integer>
+  const char* decimal(Integer value) noexcept {
+    return write(text, value);
+  }
+  const char* pointer(const void* value) noexcept {
+    if (value == nullptr) return "(nil)";
+    text[0] = '0';
+    text[1] = 'x';
+    return write(text + 2, reinterpret_cast<std::uintptr_t>(value), 16);
+  }
+};
+
+// A record's arguments: those of the call, of which the first is a format or a tag, or, for a tool defect, a
+// format of its own and what follows it.
+struct Arguments {
+  std::va_list& list;
+  const char* format;
+
+  const char* takeFormat() const { return format != nullptr ? format : va_arg(list, const char*); }
+};
+
+bool isTag(const char* word) {
+  switch (static_cast<std::uint32_t>(reinterpret_cast<std::uintptr_t>(word))) {
+  case VESKLOG_ARG_STRING:
+  case VESKLOG_ARG_INT:
+  case VESKLOG_ARG_POINTER:
+    return true;
   default:
-    return "INFO";
+    return false;
   }
 }
 
-void writeArgument(VeskXMLFile* file, const char* name, const char* value) {
-  __VeskXMLStartWritingOpeningTag(file, "arg");
-  __VeskXMLWriteStringAttribute(file, "name", name);
-  __VeskXMLFinishWritingOpeningTag(file);
-  __VeskXMLWriteStringValue(file, value);
-  __VeskXMLAppendClosingTag(file, "arg");
-}
-
-const char* formatInteger(char* buffer, std::size_t size, int value) {
-  *std::to_chars(buffer, buffer + size - 1, value).ptr = '\0';
-  return buffer;
-}
-
-const char* formatPointer(char* buffer, std::size_t size, const void* value) {
-  if (value == nullptr) return "(nil)";
-  buffer[0] = '0';
-  buffer[1] = 'x';
-  *std::to_chars(buffer + 2, buffer + size - 1, reinterpret_cast<std::uintptr_t>(value), 16).ptr = '\0';
-  return buffer;
+// A caller that passes arguments for a type which is not registered gets an empty comment, not its tag read
+// as a format.
+void writeText(VeskXMLFile* file, Arguments arguments) {
+  const char* const format = arguments.takeFormat();
+  __VeskXMLWriteCommentV(file, isTag(format) ? nullptr : format, arguments.list);
 }
 
 // A tag before each value; after an unknown one nothing more is read.
-void writeArguments(VeskXMLFile* file, const char* const* names, std::va_list arguments) {
+void writeArguments(VeskXMLFile* file, const char* const* names, Arguments arguments) {
   bool known = true;
   for (; *names != nullptr; ++names) {
-    char buffer[32];
-    const char* value = "";
-    switch (known ? va_arg(arguments, int) : 0) {
+    Digits digits;
+    const char* text = "";
+    switch (known ? va_arg(arguments.list, std::int32_t) : 0) {
     case VESKLOG_ARG_STRING:
-      value = va_arg(arguments, const char*);
+      text = va_arg(arguments.list, const char*);
       break;
     case VESKLOG_ARG_INT:
-      value = formatInteger(buffer, sizeof buffer, va_arg(arguments, int));
+      text = digits.decimal(va_arg(arguments.list, std::int32_t));
       break;
     case VESKLOG_ARG_POINTER:
-      value = formatPointer(buffer, sizeof buffer, va_arg(arguments, void*));
+      text = digits.pointer(va_arg(arguments.list, void*));
       break;
     default:
       known = false;
     }
-    writeArgument(file, *names, value);
+    __VeskXMLStartWritingOpeningTag(file, "arg");
+    __VeskXMLWriteStringAttribute(file, "name", *names);
+    __VeskXMLFinishWritingOpeningTag(file);
+    __VeskXMLWriteStringValue(file, text);
+    __VeskXMLAppendClosingTag(file, "arg");
   }
-}
-
-// Where a record's format is: given by itself, or the first of the arguments.
-struct Format {
-  const char* given = nullptr;
-  const char* take(std::va_list arguments) const {
-    return given != nullptr ? given : va_arg(arguments, const char*);
-  }
-};
-
-// A tag in the format's place (of a message that turned out not to be registered) is no format.
-void writeText(VeskXMLFile* file, Format place, std::va_list arguments) {
-  const char* const format = place.take(arguments);
-  switch (reinterpret_cast<std::uintptr_t>(format)) {
-  case 0:
-  case VESKLOG_ARG_STRING:
-  case VESKLOG_ARG_INT:
-  case VESKLOG_ARG_POINTER:
-    __VeskXMLWriteComment(file, "%s", "");
-    break;
-  default:
-    __VeskXMLWriteCommentV(file, format, arguments);
-  }
-}
-
-void writeSource(VeskXMLFile* file, std::int32_t handle) {
-  ScopedSpinLock scope(handleLock);
-  const char* const name = loadRelaxed(handleNames[handle]);
-  __VeskXMLWriteStringAttribute(file, "source", name != nullptr ? name : "");
 }
 
 void writeMessage(VeskXMLFile* file, const LogMessageDefinition& type, std::uint32_t severity,
-                  bool suppressDisplay, const Timestamp& timestamp, Format format, std::va_list arguments) {
+                  bool suppressDisplay, const Timestamp& timestamp, Arguments arguments) {
+  Digits id;
   __VeskXMLStartWritingOpeningTag(file, "msg");
-  __VeskXMLWriteIntegerAttribute(file, "id", static_cast<std::int32_t>(nextRecord++));
+  __VeskXMLWriteStringAttribute(file, "id", id.decimal(recordCounter++));
   if (suppressDisplay || (type.flags & VESKLOG_FLAG_NO_DISPLAY) != 0) {
     __VeskXMLWriteStringAttribute(file, "display", "false");
   }
-  writeSource(file, type.loggerHandle);
+  __VeskXMLWriteStringAttribute(file, "source", loadAcquire(handleNames[type.loggerHandle]));
   __VeskXMLFinishWritingOpeningTag(file);
   __VeskXMLWriteStringElement(file, "type", type.type);
-  __VeskXMLWriteStringElement(file, "severity", severityWord(severity));
+  __VeskXMLWriteStringElement(file, "severity", kSeverityWords[std::min(severity, VESKLOG_SEVERITY_INFO)]);
   __VeskXMLWriteStringElement(file, "timestamp", timestamp.text);
   if ((type.flags & VESKLOG_FLAG_TEXT) != 0) {
-    writeText(file, format, arguments);
+    writeText(file, arguments);
   } else {
     writeArguments(file, type.argumentNames, arguments);
   }
   __VeskXMLWriteClosingTag(file, "msg");
 }
 
-// The arguments begin with a format, unless it is given, or with a tag, as the message's type has it.
-void writeRecord(std::uint32_t severity, std::uint32_t messageId, bool suppressDisplay, Format format,
-                 std::va_list arguments) {
+void writeRecord(std::uint32_t severity, std::uint32_t messageId, bool suppressDisplay, Arguments arguments) {
   const Timestamp timestamp;
-  VeskXMLFile* const file = openLog();
-  if (file == nullptr) return;
-  ScopedFile scope(file);
+  if (loadAcquire(logFile) == nullptr && !createLog(kOwnName, kDefaultPath, false, true)) return;
+  ScopedLog log;
+  // Only a signal handler, or a host that watches the C library, gets here while its own thread writes a
+  // record: there is no place for another one inside it.
+  if (log.file()->holds > 1) return;
   const LogMessageDefinition* const type = findMessageType(messageId);
   if (type == nullptr || type->loggerHandle >= loggerHandleCount() ||
       (type->flags & VESKLOG_FLAG_COMMENT_ONLY) != 0) {
-    writeText(file, format, arguments);
+    writeText(log.file(), arguments);
   } else {
-    writeMessage(file, *type, severity, suppressDisplay, timestamp, format, arguments);
+    writeMessage(log.file(), *type, severity, suppressDisplay, timestamp, arguments);
   }
 }
 
 } // namespace
 
 std::int32_t vesk::logging::loggerHandleCount() noexcept {
-  const std::int32_t count = loadRelaxed(handleCount);
-  return count < kMostHandles ? count : kMostHandles; // a refused request raises it for a moment
+  return std::min(loadRelaxed(handlesTaken), kMostHandles);
 }
 
 int __VeskCreateLogger(const char* source, const char* path, int append) {
-  ScopedCreation scope;
-  return create(source, path, append != 0) ? 1 : 0;
+  return createLog(source, path, append != 0, false);
 }
 
 int __VeskReopenLogger() {
-  VeskXMLFile* const file = loadAcquire(logFile);
-  if (file == nullptr || loadRelaxed(__veskRtStarted) == 0) return 0;
-  ScopedFile scope(file);
-  return __VeskXMLReopenFile(file);
+  ScopedLog log;
+  return __VeskXMLReopenFile(log.file());
 }
 
 void __VeskCloseLogger() {
-  VeskXMLFile* const file = loadAcquire(logFile);
-  if (file == nullptr) return;
-  ScopedFile scope(file);
-  __VeskXMLWriteClosingTag(file, kRoot);
+  ScopedLog log;
+  __VeskXMLWriteClosingTag(log.file(), "log");
 }
 
 void __VeskLogInternal(uint32_t severity, uint32_t messageId, int suppressDisplay, ...) {
   std::va_list arguments;
   va_start(arguments, suppressDisplay);
-  writeRecord(severity, messageId, suppressDisplay != 0, {}, arguments);
+  writeRecord(severity, messageId, suppressDisplay != 0, {arguments, nullptr});
   va_end(arguments);
 }
 
 void __VeskLogFatalToolDefect(const char* format, ...) {
   std::va_list arguments;
   va_start(arguments, format);
-  writeRecord(VESKLOG_SEVERITY_ERROR, VESKLOG_MSG_INTERNAL, false, {format}, arguments);
+  writeRecord(VESKLOG_SEVERITY_ERROR, VESKLOG_MSG_INTERNAL, false,
+              {arguments, format != nullptr ? format : ""});
   va_end(arguments);
   __VeskFatalExit(-1);
 }
 
 int32_t __VeskGetLoggerHandle(const char* name) {
-  if (name == nullptr || loadRelaxed(created) == 0) return -1;
-  const std::int32_t handle = fetchAdd(handleCount, 1);
+  if (name == nullptr || loadAcquire(logFile) == nullptr) return -1;
+  const std::int32_t handle = fetchAdd(handlesTaken, 1);
   if (handle >= kMostHandles) {
-    fetchAdd(handleCount, -1);
+    fetchAdd(handlesTaken, -1);
     return -1;
   }
-  storeRelease(handleNames[handle], __VeskStrdup(name));
+  storeRelease(handleNames[handle], static_cast<const char*>(__VeskStrdup(name)));
   return handle;
 }
 
 int __VeskReleaseLoggerHandle(int32_t handle, const char* name) {
-  if (loadAcquire(logFile) == nullptr || name == nullptr || handle <= 0 || handle >= kMostHandles ||
-      handle >= loggerHandleCount())
-    return 0;
+  if (name == nullptr || handle <= 0 || handle >= loggerHandleCount()) return 0;
   const char* stored;
   {
-    ScopedSpinLock scope(handleLock);
+    ScopedLog log;
     stored = loadAcquire(handleNames[handle]);
     if (stored == nullptr || std::strncmp(name, stored, std::strlen(stored)) != 0) return 0;
     storeRelaxed(handleNames[handle], nullptr);

@@ -1,6 +1,8 @@
 // Message types as the logger finds them. Private to this folder.
 #pragma once
 
+#include <cstdint>
+
 #include "veskrt/log.h"
 
 namespace vesk::logging {

@@ -53,7 +53,7 @@ void noteTotals(const char* format) {
 // host-allocation lock.
 std::uint64_t collect() {
   if (collectionLogged == 0) {
-    __VeskLogInternal(VESKLOG_SEVERITY_WARNING, VESKLOG_MSG_COLLECT_MEMORY, 0);
+    __VeskLogInternal(VESKLOG_SEVERITY_WARNING, VESKLOG_MSG_COLLECT_MEMORY, 0, nullptr);
     collectionLogged = 1;
   }
   const std::uint64_t before = totalAllocated();

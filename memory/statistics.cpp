@@ -106,14 +106,14 @@ void clearStatistics() noexcept {
 
 void reportOutOfMemory() noexcept {
   if (statisticsOn()) listCategories(kStatusFormat);
-  __VeskLogInternal(VESKLOG_SEVERITY_ERROR, VESKLOG_MSG_OUT_OF_MEMORY, 0);
+  __VeskLogInternal(VESKLOG_SEVERITY_ERROR, VESKLOG_MSG_OUT_OF_MEMORY, 0, nullptr);
   __VeskFatalExit(-1);
 }
 
 void reportMemoryIsTight() noexcept {
   if (loadRelaxed(tightReportArmed) == 0) return;
   if (statisticsOn()) listCategories(kStatusFormat);
-  __VeskLogInternal(VESKLOG_SEVERITY_WARNING, VESKLOG_MSG_MEMORY_IS_TIGHT, 0);
+  __VeskLogInternal(VESKLOG_SEVERITY_WARNING, VESKLOG_MSG_MEMORY_IS_TIGHT, 0, nullptr);
   storeRelaxed(tightReportArmed, 0);
 }
 

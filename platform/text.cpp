@@ -19,7 +19,9 @@ constexpr int kLastStandardDescriptor = 2;
 
 constinit std::uint64_t logicalClock = 0;
 
+// Null for a text longer than the allocator can take.
 void* allocate(std::size_t bytes) {
+  if (bytes > UINT32_MAX) return nullptr;
   return __VeskMalloc(VESK_MEMORY_CATEGORY_MISC, static_cast<std::uint32_t>(bytes), 0);
 }
 
@@ -34,18 +36,22 @@ FILE* open(const char* path, const char* mode, int* error) {
 class DescriptorPlugs {
 public:
   bool plug(int descriptor) {
-    int duplicate;
-    while ((duplicate = dup(descriptor)) >= 0 && duplicate <= kLastStandardDescriptor)
+    while (count_ < kMostPlugs) {
+      const int duplicate = dup(descriptor);
+      if (duplicate < 0) return false;
+      if (duplicate > kLastStandardDescriptor) return close(duplicate) == 0;
       plugs_[count_++] = duplicate;
-    if (duplicate >= 0) close(duplicate);
-    return duplicate >= 0;
+    }
+    return false;
   }
   ~DescriptorPlugs() {
     while (count_ != 0) close(plugs_[--count_]);
   }
 
 private:
-  int plugs_[kLastStandardDescriptor + 1];
+  // One more than can be free, in case another thread frees one meanwhile.
+  static constexpr int kMostPlugs = kLastStandardDescriptor + 1;
+  int plugs_[kMostPlugs];
   int count_ = 0;
 };
 
@@ -53,7 +59,11 @@ private:
   FILE* high = nullptr;
   {
     DescriptorPlugs plugs;
-    if (plugs.plug(fileno(low))) high = open(path, mode, error);
+    if (plugs.plug(fileno(low))) {
+      high = open(path, mode, error);
+    } else if (error != nullptr) {
+      *error = errno;
+    }
   }
   std::fclose(low);
   return high;
@@ -64,18 +74,23 @@ template <class To, class From, std::size_t (*Convert)(To*, const From*, std::si
 struct Conversion {
   static constexpr auto kFailed = static_cast<std::size_t>(-1);
 
+  static std::size_t measure(const From* text) {
+    return text != nullptr ? Convert(nullptr, text, 0) : kFailed;
+  }
+
   static std::size_t intoBuffer(To* buffer, std::size_t bytes, const From* text) {
-    const std::size_t length = Convert(nullptr, text, 0);
-    if (length == kFailed || length == 0 || (length + 1) * sizeof(To) > bytes) return 0;
+    const std::size_t length = measure(text);
+    if (length == kFailed || length == 0 || length >= bytes / sizeof(To)) return 0;
     Convert(buffer, text, length);
     buffer[length] = 0;
     return length;
   }
 
   static To* intoNew(const From* text) {
-    const std::size_t length = Convert(nullptr, text, 0);
+    const std::size_t length = measure(text);
     if (length == kFailed) return nullptr;
     auto* const result = static_cast<To*>(allocate((length + 1) * sizeof(To)));
+    if (result == nullptr) return nullptr;
     Convert(result, text, length);
     result[length] = 0;
     return result;
@@ -146,7 +161,8 @@ int __VeskSCnprintf(char* buffer, size_t size, const char* format, ...) {
 char* __VeskStrdup(const char* text) {
   if (text == nullptr) return nullptr;
   const std::size_t bytes = std::strlen(text) + 1;
-  return static_cast<char*>(std::memcpy(allocate(bytes), text, bytes));
+  void* const copy = allocate(bytes);
+  return copy != nullptr ? static_cast<char*>(std::memcpy(copy, text, bytes)) : nullptr;
 }
 
 char* __VeskStrncpy(char* destination, const char* source, size_t size) {
@@ -160,7 +176,7 @@ char* __VeskStrSCncpy(char* destination, const char* source, size_t size) {
 }
 
 char* __VeskGetBaseName(const char* path) {
-  if (*path == '\0') return nullptr;
+  if (path == nullptr || *path == '\0') return nullptr;
   const char* const separator = std::strrchr(path + 1, '/'); // the first character is never taken for one
   return __VeskStrdup(separator != nullptr ? separator + 1 : path);
 }

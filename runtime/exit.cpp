@@ -23,6 +23,6 @@ void __VeskExitHandler(int32_t exitCode) {
 }
 
 void __VeskFatalExit(int32_t exitCode) {
-  __VeskLogInternal(VESKLOG_SEVERITY_ERROR, VESKLOG_MSG_ABNORMAL_TERMINATE, 0);
+  __VeskLogInternal(VESKLOG_SEVERITY_ERROR, VESKLOG_MSG_ABNORMAL_TERMINATE, 0, nullptr);
   __VeskExitHandler(exitCode);
 }

@@ -1,15 +1,16 @@
 // The live blocks: for every address that the program holds, the site that it comes from and the bytes asked for.
 //
-// The addresses are spread over 64 tables, each with a lock of its own. Neighbours on the heap share a table, so that one
-// thread's blocks stay close together in memory; threads, whose blocks come from arenas far apart, seldom meet. What is
-// known of a block is packed into the word that the table keeps anyway: nothing is allocated for it beside the entry.
+// What is known of a block is packed into one word. The words of all blocks in 4 KiB of addresses lie side by side in a page,
+// and the pages are found by a table: neighbours on the heap are neighbours here, and a block takes no entry and no
+// allocation of its own. The pages are spread over 64 tables, each with a lock; 64 KiB of addresses share one, so that
+// threads, whose blocks come from arenas far apart, seldom meet.
 #pragma once
 
 #include <cstdint>
 
 namespace heap {
 
-// A block as its table holds it; 0 is no block.
+// A block as it is held; 0 is no block.
 using BlockWord = std::uint64_t;
 
 struct Block {

@@ -113,11 +113,13 @@ void reallocated(std::uint64_t token, void* oldBlock, void* newBlock, std::size_
 
 // ---- Other events ----
 
-void moduleLoaded(const VeskHostModule* module) { moduleCame(*module); }
+void moduleLoaded(const VeskHostModule* module) {
+  if (moduleCame(*module)) forgetCode();
+}
 
 void moduleUnloaded(const VeskHostModule* module) {
+  forgetCode();
   moduleWent(*module);
-  forgetCode(module->start, module->end);
 }
 
 void threadEnded(std::uint32_t /*threadId*/) {

@@ -138,7 +138,6 @@ void startStacks(const StackCategories& stackCategories) {
                                 tableCompare, nullptr, categories.stacks, 0);
   // The first is the stack without frames: it takes what comes when all ids are out.
   Trace none;
-  none.frames = nullptr;
   none.depth = 0;
   none.cut = true;
   findShared(0, none);
@@ -163,9 +162,11 @@ void endThread(ThreadState* state) {
   idleThreads = state;
 }
 
-void moduleCame(const VeskHostModule& module) {
+bool moduleCame(const VeskHostModule& module) {
   Holding hold(lock);
-  if (addModule(module)) updateRetired();
+  const bool changed = addModule(module);
+  if (changed) updateRetired();
+  return changed;
 }
 
 void moduleWent(const VeskHostModule& module) {

@@ -52,7 +52,8 @@ Site& siteById(std::uint32_t id);
 ThreadState* beginThread();
 void endThread(ThreadState* state);
 
-void moduleCame(const VeskHostModule& module);
+// `moduleCame` says whether that of another has been noticed by it: one has gone, or is back.
+bool moduleCame(const VeskHostModule& module);
 void moduleWent(const VeskHostModule& module);
 
 // In the child of a fork: every site is 0 again.

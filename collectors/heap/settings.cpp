@@ -1,0 +1,239 @@
+#include "collectors/heap/settings.h"
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+
+#include <unistd.h>
+
+#include "collectors/heap/backtrace.h"
+#include "host/veskhost.h"
+#include "veskrt/options.h"
+#include "veskrt/runtime.h"
+
+namespace heap {
+
+namespace {
+
+constexpr std::uint32_t kDefaultTop = 10;
+constexpr std::uint32_t kDefaultTimeline = 10;
+
+// The ids, once registered.
+struct Options {
+  std::uint32_t parser;
+  std::uint32_t out;
+  std::uint32_t log;
+  std::uint32_t depth;
+  std::uint32_t top;
+  std::uint32_t timeline;
+  std::uint32_t follow;
+  std::uint32_t help;
+};
+
+constinit Options options{};
+
+// What the parser does not say: which argument it refused, and what would have been taken.
+enum class Kind { kBoolean, kInteger, kPath };
+struct Rule {
+  const char* name;
+  Kind kind;
+  long least;
+  long most;
+};
+
+constexpr Rule kRules[] = {
+    {"-out", Kind::kPath, 0, 0},           {"-log", Kind::kPath, 0, 0},
+    {"-depth", Kind::kInteger, 1, kMaxDepth}, {"-top", Kind::kInteger, 0, 1000},
+    {"-timeline", Kind::kInteger, 0, 3'600'000}, {"-follow", Kind::kBoolean, 0, 0},
+    {"-help", Kind::kBoolean, 0, 0},
+};
+
+void registerOptions() {
+  const std::uint32_t parser = __VeskGetOptionParser("veskheap");
+  options.parser = parser;
+  options.out = __VeskRegisterPathOption(parser, "-out", "result file", "veskheap.PID.xml", 0, 0, 1);
+  options.log = __VeskRegisterPathOption(parser, "-log", "log file", "veskheap.PID.log", 0, 0, 1);
+  options.depth =
+      __VeskRegisterIntegerOption(parser, "-depth", "frames of a call stack, 1 to 25", kMaxDepth, 0, 1);
+  options.top = __VeskRegisterIntegerOption(parser, "-top", "rows of the table at the end, 0 to 1000", kDefaultTop, 0, 1);
+  options.timeline = __VeskRegisterIntegerOption(
+      parser, "-timeline", "milliseconds between samples over time, 0 for none", kDefaultTimeline, 0, 1);
+  options.follow = __VeskRegisterBooleanOption(parser, "-follow", "watch the program's children, too",
+                                               veskHostFollowsChildren(), 0, 1);
+  options.help = __VeskRegisterBooleanOption(parser, "-help", "this list", 0, 0, 1);
+}
+
+bool isNegated(const char* argument) { return std::strncmp(argument, "-no-", 4) == 0; }
+
+const Rule* ruleFor(const char* name) {
+  for (const Rule& rule : kRules) {
+    if (std::strcmp(rule.name, name) == 0) return &rule;
+  }
+  return nullptr;
+}
+
+bool isInteger(const char* text, long least, long most) {
+  char* end;
+  errno = 0;
+  const long value = std::strtol(text, &end, 0);
+  return errno == 0 && end != text && *end == '\0' && value >= least && value <= most;
+}
+
+bool acceptValue(const Rule& rule, const char* value) {
+  if (value == nullptr || value[0] == '-') {
+    tell("option %s needs a value (-help lists the options)", rule.name);
+    return false;
+  }
+  if (rule.kind == Kind::kInteger && !isInteger(value, rule.least, rule.most)) {
+    tell("option %s takes a number from %ld to %ld, not '%s' (-help lists the options)", rule.name, rule.least,
+         rule.most, value);
+    return false;
+  }
+  if (rule.kind == Kind::kPath && (value[0] == '\0' || std::strlen(value) > PATH_MAX / 2)) {
+    tell("option %s takes the name of a file, not '%.80s' (-help lists the options)", rule.name, value);
+    return false;
+  }
+  return true;
+}
+
+// Tells what is wrong with the first argument that is.
+bool acceptArguments(std::uint32_t argc, const char* const* argv) {
+  for (std::uint32_t i = 0; i < argc; ++i) {
+    const char* argument = argv[i];
+    const Rule* rule = ruleFor(argument);
+    if (rule == nullptr && isNegated(argument)) {
+      // "-no-x" negates "-x".
+      Text<64> plain;
+      plain.append("-%s", argument + 4);
+      rule = ruleFor(plain.text());
+      if (rule != nullptr && rule->kind != Kind::kBoolean) {
+        tell("option %s cannot be negated: '%s' (-help lists the options)", rule->name, argument);
+        return false;
+      }
+    }
+    if (rule == nullptr) {
+      tell("'%s' is not an option (-help lists the options)", argument);
+      return false;
+    }
+    if (rule->kind == Kind::kBoolean) continue;
+    if (!acceptValue(*rule, i + 1 < argc ? argv[i + 1] : nullptr)) return false;
+    ++i;
+  }
+  return true;
+}
+
+bool asksForHelp(std::uint32_t argc, const char* const* argv) {
+  for (std::uint32_t i = 0; i < argc; ++i) {
+    if (std::strcmp(argv[i], "-help") == 0) return true;
+  }
+  return false;
+}
+
+std::uint32_t integerOption(std::uint32_t option) {
+  return static_cast<std::uint32_t>(__VeskGetIntegerOptionValue(options.parser, option));
+}
+
+void readPath(Path& path, std::uint32_t option) {
+  if (__VeskIsOptionSet(options.parser, option)) path.append("%s", __VeskGetPathOptionValue(options.parser, option));
+}
+
+bool readDirectory(Path& directory) {
+  char path[PATH_MAX];
+  if (getcwd(path, sizeof path) == nullptr) return false;
+  directory.append("%s%s", path, std::strcmp(path, "/") == 0 ? "" : "/");
+  return true;
+}
+
+// Where the name's extension begins: at its end if it has none.
+std::uint32_t extensionOf(const Path& path) {
+  const char* name = std::strrchr(path.text(), '/');
+  name = name == nullptr ? path.text() : name + 1;
+  const char* dot = std::strrchr(name, '.');
+  return dot == nullptr || dot == name ? path.length() : static_cast<std::uint32_t>(dot - path.text());
+}
+
+// The given file, made absolute, and with the process id in front of its extension if children are followed.
+void nameGiven(Path& name, const Settings& settings, const Path& given) {
+  Path absolute;
+  absolute.append("%s%s", given.text()[0] == '/' ? "" : settings.directory.text(), given.text());
+  if (!veskHostFollowsChildren()) {
+    name.append("%s", absolute.text());
+    return;
+  }
+  const std::uint32_t stem = extensionOf(absolute);
+  name.append("%.*s.%d%s", static_cast<int>(stem), absolute.text(), __VeskGetPid(), absolute.text() + stem);
+}
+
+// Beside the result, which may itself be called a log.
+void nameLogBeside(Path& log, const Path& result) {
+  const std::uint32_t stem = extensionOf(result);
+  const bool taken = std::strcmp(result.text() + stem, ".log") == 0;
+  log.append("%.*s.log", static_cast<int>(taken ? result.length() : stem), result.text());
+}
+
+} // namespace
+
+Parsed readSettings(Settings& settings, std::uint32_t argc, const char* const* argv) {
+  registerOptions();
+  if (asksForHelp(argc, argv)) {
+    __VeskPrintHelp(options.parser, 0);
+    return Parsed::kHelpGiven;
+  }
+  if (!acceptArguments(argc, argv)) return Parsed::kRefused;
+  if (!__VeskParseOptions2(options.parser, argc, argv)) {
+    tell("the options are not understood (-help lists them)");
+    return Parsed::kRefused;
+  }
+  settings.depth = integerOption(options.depth);
+  settings.top = integerOption(options.top);
+  settings.timelineMilliseconds = integerOption(options.timeline);
+  readPath(settings.out, options.out);
+  readPath(settings.log, options.log);
+  veskHostSetFollowChildren(__VeskGetBooleanOptionValue(options.parser, options.follow));
+  if (!readDirectory(settings.directory)) {
+    tell("cannot tell the current directory: %s", std::strerror(errno));
+    return Parsed::kRefused;
+  }
+  return Parsed::kGoOn;
+}
+
+void nameFiles(Files& files, const Settings& settings) {
+  files.result.clear();
+  files.log.clear();
+  if (settings.out.length() != 0) nameGiven(files.result, settings, settings.out);
+  else files.result.append("%sveskheap.%d.xml", settings.directory.text(), __VeskGetPid());
+  if (settings.log.length() != 0) nameGiven(files.log, settings, settings.log);
+  else nameLogBeside(files.log, files.result);
+}
+
+void nameBeforeExec(Path& path, const Path& result) {
+  const auto stem = static_cast<int>(extensionOf(result));
+  std::uint32_t number = 0;
+  do {
+    path.clear();
+    path.append("%.*s.exec%u%s", stem, result.text(), ++number, result.text() + stem);
+  } while (access(path.text(), F_OK) == 0);
+}
+
+void logSettings(const Files& files) {
+  __VeskSetPathOption(options.parser, options.out, files.result.text());
+  __VeskSetPathOption(options.parser, options.log, files.log.text());
+  __VeskLogToolOptionValues(options.parser);
+}
+
+void tell(const char* format, ...) {
+  char line[2 * PATH_MAX];
+  constexpr char kName[] = "veskheap: ";
+  constexpr std::size_t kNameLength = sizeof kName - 1;
+  std::memcpy(line, kName, kNameLength);
+  va_list arguments;
+  va_start(arguments, format);
+  const int length = __VeskVsnprintf(line + kNameLength, sizeof line - kNameLength - 1, format, arguments);
+  va_end(arguments);
+  if (length < 0) return;
+  std::size_t end = std::strlen(line);
+  line[end++] = '\n';
+  [[maybe_unused]] const ssize_t ignored = write(STDERR_FILENO, line, end);
+}
+
+} // namespace heap

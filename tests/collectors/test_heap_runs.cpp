@@ -1,0 +1,317 @@
+// Real programs under veskrun with the heap collector, and what their result files say.
+#include <cstdlib>
+#include <filesystem>
+#include <map>
+#include <set>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+#include <pugixml.hpp>
+#include <sys/wait.h>
+
+#include "support/child.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+
+struct Stack {
+  std::uint64_t calls, allocatedBytes, liveBlocks, liveBytes, peakBytes, temporary;
+  bool cut;
+  std::vector<std::string> modules; // of each frame: the file's name; empty for none
+};
+
+struct Result {
+  std::map<std::string, std::uint64_t> totals;
+  std::map<std::string, std::uint64_t> functions;
+  std::vector<Stack> stacks;
+  std::vector<std::uint64_t> sampleTimes;
+  std::string end;
+  std::string log;
+  int status = 0;
+
+  // The one stack whose blocks have this size.
+  const Stack& ofSize(std::uint64_t bytes) const {
+    const Stack* found = nullptr;
+    for (const Stack& stack : stacks) {
+      if (stack.allocatedBytes != bytes * stack.calls) continue;
+      EXPECT_EQ(found, nullptr) << "two stacks of size " << bytes;
+      found = &stack;
+    }
+    if (found == nullptr) throw std::runtime_error("no stack of size " + std::to_string(bytes));
+    return *found;
+  }
+};
+
+std::uint64_t number(const pugi::xml_node& node, const char* name) { return node.attribute(name).as_ullong(); }
+
+// Reads a result, and checks what holds in every one.
+Result readResult(const std::string& path) {
+  pugi::xml_document document;
+  const pugi::xml_parse_result parsed = document.load_file(path.c_str());
+  if (!parsed) throw std::runtime_error(path + ": " + parsed.description());
+  const pugi::xml_node root = document.child("heapProfile");
+  Result result;
+  result.end = root.child("process").child_value("end");
+  result.status = root.child("process").child("status").text().as_int();
+
+  std::uint64_t functionCalls = 0;
+  for (const pugi::xml_node node : root.child("totals")) {
+    if (std::string(node.name()) == "function") {
+      result.functions[node.attribute("name").value()] = number(node, "calls");
+      functionCalls += number(node, "calls");
+    } else {
+      result.totals[node.name()] = node.text().as_ullong();
+    }
+  }
+  std::map<std::uint64_t, std::string> modules;
+  for (const pugi::xml_node node : root.child("modules")) {
+    modules[number(node, "id")] = fs::path(node.child_value("path")).filename();
+  }
+  std::map<std::uint64_t, std::string> frames;
+  for (const pugi::xml_node node : root.child("frames")) {
+    const pugi::xml_attribute module = node.attribute("module");
+    if (module) {
+      EXPECT_EQ(modules.count(module.as_ullong()), 1u);
+    }
+    EXPECT_TRUE(frames.emplace(number(node, "id"), module ? modules[module.as_ullong()] : "").second);
+  }
+  Stack sum = {};
+  std::uint64_t before = ~std::uint64_t{0};
+  for (const pugi::xml_node node : root.child("stacks")) {
+    Stack stack = {number(node, "calls"),      number(node, "allocatedBytes"),
+                   number(node, "liveBlocks"), number(node, "liveBytes"),
+                   number(node, "peakBytes"),  number(node, "temporary"),
+                   node.attribute("cut").as_bool(), {}};
+    std::istringstream numbers(node.child_value());
+    for (std::uint64_t frame; numbers >> frame;) stack.modules.push_back(frames.at(frame));
+    EXPECT_LE(stack.peakBytes, before) << "not in the order of the report";
+    before = stack.peakBytes;
+    sum.calls += stack.calls;
+    sum.allocatedBytes += stack.allocatedBytes;
+    sum.liveBlocks += stack.liveBlocks;
+    sum.liveBytes += stack.liveBytes;
+    sum.peakBytes += stack.peakBytes;
+    sum.temporary += stack.temporary;
+    result.stacks.push_back(stack);
+  }
+  std::map<std::string, std::uint64_t>& totals = result.totals;
+  EXPECT_EQ(sum.calls, totals["calls"]);
+  EXPECT_EQ(functionCalls, totals["calls"]);
+  EXPECT_EQ(sum.allocatedBytes, totals["allocatedBytes"]);
+  EXPECT_EQ(sum.liveBlocks, totals["liveBlocks"]);
+  EXPECT_EQ(sum.liveBytes, totals["liveBytes"]);
+  EXPECT_EQ(sum.peakBytes, totals["peakBytes"]);
+  EXPECT_EQ(sum.temporary, totals["temporary"]);
+  EXPECT_EQ(totals["liveBytes"], totals["allocatedBytes"] - totals["releasedBytes"]);
+  EXPECT_EQ(totals["liveBlocks"], totals["calls"] - totals["releases"]);
+
+  const pugi::xml_node timeline = root.child("timeline");
+  for (const pugi::xml_node node : timeline) {
+    if (!result.sampleTimes.empty()) {
+      EXPECT_GE(number(node, "milliseconds"), result.sampleTimes.back());
+    }
+    result.sampleTimes.push_back(number(node, "milliseconds"));
+  }
+  if (timeline) {
+    EXPECT_EQ(number(timeline.last_child(), "liveBytes"), totals["liveBytes"]);
+  }
+
+  std::set<std::string> categories;
+  for (const pugi::xml_node node : root.child("collector").children("category")) {
+    categories.insert(node.attribute("name").value());
+  }
+  EXPECT_TRUE(categories.count("HEAP_BLOCKS") && categories.count("HEAP_STACKS") && categories.count("HEAP_SITES"));
+  return result;
+}
+
+struct Outcome {
+  int status;
+  std::string out;
+  std::string err;
+};
+
+Outcome run(const std::string& options, const std::string& program) {
+  const std::string command = std::string(VESKRUN) + " " + options + " -- " + program + " >out 2>err";
+  const int status = std::system(command.c_str());
+  return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, test::readFile("out"), test::readFile("err")};
+}
+
+Result profile(const std::string& options, const std::string& what) {
+  const Outcome done = run("-out r.xml " + options, std::string(PROGRAM) + " " + what);
+  EXPECT_EQ(done.status, 3) << done.err;
+  return readResult("r.xml");
+}
+
+std::vector<std::string> resultFiles() {
+  std::vector<std::string> names;
+  for (const auto& entry : fs::directory_iterator(".")) {
+    if (entry.path().extension() == ".xml") names.push_back(entry.path().filename());
+  }
+  return names;
+}
+
+void expectKnownNumbers(Result& result) {
+  std::map<std::string, std::uint64_t>& totals = result.totals;
+  // leaks 10, temporaries 20, peak 2, reallocations 3 + calloc + 1 + reallocarray, alignments 3 + malloc(0)
+  EXPECT_EQ(totals["calls"], 42u);
+  EXPECT_EQ(totals["allocatedBytes"], 1000u + 1280 + 150000 + 1030 + 91 + 30 + 15 + 256 + 128 + 96);
+  EXPECT_EQ(totals["liveBlocks"], 14u);
+  EXPECT_EQ(totals["liveBytes"], 1000u + 91 + 15 + 128 + 96);
+  EXPECT_EQ(totals["peakBytes"], 151000u);
+  // 20, malloc(10) and realloc(1000), the 30 bytes given back by realloc, malloc(0)
+  EXPECT_EQ(totals["temporary"], 24u);
+  const std::map<std::string, std::uint64_t> functions = {
+      {"malloc", 34},        {"calloc", 1},   {"realloc", 3}, {"reallocarray", 1}, {"posix_memalign", 1},
+      {"aligned_alloc", 1}, {"memalign", 1}};
+  EXPECT_EQ(result.functions, functions);
+  EXPECT_EQ(result.ofSize(100).liveBytes, 1000u);
+  EXPECT_EQ(result.ofSize(100).peakBytes, 1000u);
+  EXPECT_EQ(result.ofSize(100000).peakBytes, 100000u);
+  EXPECT_EQ(result.ofSize(50000).peakBytes, 50000u);
+  EXPECT_EQ(result.ofSize(64).temporary, 20u);
+  EXPECT_EQ(result.ofSize(1000).liveBlocks, 0u);
+  for (const Stack& stack : result.stacks) EXPECT_EQ(stack.modules.at(0), fs::path(PROGRAM).filename());
+}
+
+TEST(HeapRuns, CountsAreExact) {
+  Result result = profile("-top 5", "known");
+  expectKnownNumbers(result);
+  EXPECT_EQ(result.end, "exit");
+  EXPECT_EQ(result.status, 3);
+  const std::string table = test::readFile("err");
+  EXPECT_NE(table.find("42 heap calls"), std::string::npos) << table;
+  EXPECT_NE(table.find("peak (heap_program)"), std::string::npos) << table;
+  EXPECT_NE(table.find("97.7 KiB"), std::string::npos) << table;
+  EXPECT_FALSE(fs::exists("vesklog.log"));
+  EXPECT_NE(test::readFile("r.log").find("</log>"), std::string::npos);
+}
+
+TEST(HeapRuns, ThreadsReleaseEachOthersBlocks) {
+  Result result = profile("", "threads");
+  const Stack& stack = result.ofSize(48);
+  EXPECT_EQ(stack.calls, 40000u);
+  EXPECT_EQ(stack.liveBlocks, 4000u);
+  EXPECT_EQ(stack.liveBytes, 4000u * 48);
+}
+
+TEST(HeapRuns, EndsWhileThreadsAreBusy) {
+  Result result = profile("", "busy");
+  std::uint64_t calls = 0;
+  for (const Stack& stack : result.stacks) calls += stack.allocatedBytes == 77 * stack.calls ? stack.calls : 0;
+  EXPECT_GT(calls, 0u);
+  EXPECT_LE(result.totals["liveBlocks"], 64u);
+}
+
+// The second module lies where the first one was, with other frames behind the same return addresses. Each stack must name its
+// own module and go on into the program.
+TEST(HeapRuns, StacksKnowTheModulesOfTheirTime) {
+  Result result = profile("", "modules " MODULE_A " " MODULE_B);
+  for (const std::uint64_t bytes : {1001u, 2002u, 3003u}) {
+    const Stack& stack = result.ofSize(bytes);
+    EXPECT_EQ(stack.calls, 3u);
+    ASSERT_GE(stack.modules.size(), 3u) << bytes;
+    EXPECT_EQ(stack.modules[0], fs::path(bytes == 2002 ? MODULE_B : MODULE_A).filename());
+    EXPECT_EQ(stack.modules[1], "heap_program");
+    EXPECT_EQ(stack.modules[2], "heap_program");
+  }
+}
+
+TEST(HeapRuns, DepthCutsStacks) {
+  for (const std::size_t depth : {1u, 7u, 25u}) {
+    Result result = profile("-depth " + std::to_string(depth), "deep");
+    EXPECT_EQ(result.ofSize(11).modules.size(), depth);
+    EXPECT_TRUE(result.ofSize(11).cut);
+  }
+}
+
+TEST(HeapRuns, SignalHandlersHaveStacks) {
+  Result result = profile("", "signal");
+  const Stack& stack = result.ofSize(13);
+  EXPECT_EQ(stack.modules.at(0), "heap_program");
+  EXPECT_EQ(std::count(stack.modules.begin(), stack.modules.end(), "heap_program"), 3); // handler, main, start
+}
+
+TEST(HeapRuns, TimelineFollowsTheInterval) {
+  Result result = profile("-timeline 50", "slowly");
+  const std::size_t samples = result.sampleTimes.size();
+  EXPECT_GE(samples, 4u);
+  EXPECT_LE(samples, 2 + result.sampleTimes.back() / 50 + 1);
+  EXPECT_EQ(profile("-timeline 0", "slowly").sampleTimes.size(), 0u);
+}
+
+TEST(HeapRuns, ClosedDescriptorsAndAnotherDirectoryDoNotMatter) {
+  Result result = profile("", "closed");
+  EXPECT_EQ(result.ofSize(100).liveBytes, 1000u);
+  EXPECT_EQ(test::readFile("err"), "");
+}
+
+TEST(HeapRuns, ChildrenAreFollowedWhenAsked) {
+  EXPECT_EQ(run("", std::string(PROGRAM) + " fork").status, 3);
+  ASSERT_EQ(resultFiles().size(), 1u);
+  EXPECT_EQ(readResult(resultFiles()[0]).ofSize(300).liveBytes, 300u);
+  fs::remove(resultFiles()[0]);
+
+  EXPECT_EQ(run("-follow -out f.xml", std::string(PROGRAM) + " fork").status, 3);
+  ASSERT_EQ(resultFiles().size(), 2u);
+  Result parent = readResult(resultFiles()[0]);
+  Result child = readResult(resultFiles()[1]);
+  if (parent.stacks.size() < child.stacks.size()) std::swap(parent, child);
+  EXPECT_EQ(parent.ofSize(500).liveBytes, 500u);
+  EXPECT_EQ(parent.ofSize(300).liveBytes, 300u);
+  ASSERT_EQ(child.stacks.size(), 1u); // what it inherited is not its own, and its release is none
+  EXPECT_EQ(child.ofSize(7000).liveBytes, 7000u);
+  EXPECT_EQ(child.totals["releases"], 0u);
+}
+
+TEST(HeapRuns, ProgramsThatReplaceThemselvesLeaveAResultEach) {
+  EXPECT_EQ(run("-follow -out f.xml", std::string(PROGRAM) + " exec").status, 3);
+  const std::vector<std::string> files = resultFiles();
+  ASSERT_EQ(files.size(), 2u);
+  for (const std::string& file : files) {
+    Result result = readResult(file);
+    if (file.find("exec1") != std::string::npos) {
+      EXPECT_EQ(result.end, "exec");
+      EXPECT_EQ(result.ofSize(900).liveBytes, 900u);
+    } else {
+      expectKnownNumbers(result);
+    }
+  }
+}
+
+TEST(HeapRuns, WrongOptionsAreToldBeforeTheProgramStarts) {
+  fs::create_directory("directory");
+  const std::pair<std::string, std::string> cases[] = {
+      {"-nonsense", "'-nonsense'"},       {"-depth 0", "'0'"},        {"-depth 26", "from 1 to 25"},
+      {"-depth 1x", "'1x'"},              {"-depth", "-depth needs"}, {"-no-out", "'-no-out'"},
+      {"-top -1", "-top needs"},          {"word", "'word'"},         {"-out nowhere/r.xml", "nowhere/r.xml: No such"},
+      {"-out directory", "Is a directory"}, {"-log nowhere/l.log", "nowhere/l.log"}};
+  for (const auto& [options, message] : cases) {
+    const Outcome done = run(options, "/bin/echo started");
+    EXPECT_EQ(done.status, 2) << options;
+    EXPECT_EQ(done.out, "") << options;
+    EXPECT_NE(done.err.find(message), std::string::npos) << options << ": " << done.err;
+    EXPECT_EQ(std::count(done.err.begin(), done.err.end(), '\n'), 1) << done.err;
+  }
+  EXPECT_TRUE(resultFiles().empty());
+  const Outcome help = run("-help", "/bin/echo started");
+  EXPECT_EQ(help.status, 0);
+  EXPECT_NE(help.out.find("-timeline"), std::string::npos);
+  EXPECT_EQ(help.out.find("started"), std::string::npos);
+}
+
+TEST(HeapRuns, AResultIsWholeOrTheOldOne) {
+  fs::create_directory("full");
+  EXPECT_EQ(run("-out full/r.xml", std::string(PROGRAM) + " known").status, 3);
+  const std::string old = test::readFile("full/r.xml");
+  // A limit on the size of files stands for a full disk.
+  const std::string command = "sh -c 'ulimit -f 1; trap \"\" XFSZ; exec " PROGRAM " known'";
+  EXPECT_EQ(run("-out full/r.xml", command).status, 3);
+  EXPECT_EQ(test::readFile("full/r.xml"), old);
+  EXPECT_NE(test::readFile("err").find("cannot write the result"), std::string::npos);
+  EXPECT_EQ(std::distance(fs::directory_iterator("full"), {}), 2); // the result and its log
+}
+
+} // namespace

@@ -4,9 +4,9 @@
 // the kernel, until registration has finished either way; a channel that is ready then admits exactly one
 // thread.
 //
-//     none -> in progress -> ready -> served -> none
-//                 |                               ^
-//                 +------- registration failed ---+
+//     none -> claimed -> in progress -> ready -> served -> none
+//                 |           |                             ^
+//                 +-----------+----- registration failed ---+
 //
 // A forked child has copies of all this but no command thread, and the channel is its parent's: there,
 // nothing is stopped and nothing removed.
@@ -31,7 +31,7 @@ namespace {
 
 constexpr std::uint32_t kStopTimeoutMilliseconds = 1000;
 
-enum Registration : std::uint32_t { kNone, kInProgress, kReady, kServed };
+enum Registration : std::uint32_t { kNone, kClaimed, kInProgress, kReady, kServed };
 
 constinit std::uint32_t registration = kNone;
 constinit void* commandThread = nullptr; // the host's handle; null when no thread is registered
@@ -122,7 +122,7 @@ int __VeskRegisterCommandHandlerWithHeartbeat(const char* directory, VeskCommand
       services.waitForThread == nullptr || services.addExitCallback == nullptr) {
     return 0;
   }
-  if (!compareAndSwap(registration, kNone, kInProgress)) return 0;
+  if (!compareAndSwap(registration, kNone, kClaimed)) return 0;
   if (loadRelaxed(commandThread) != nullptr) {
     // Left by a registration that failed, or ended with its channel: the host gets its thread back before a
     // new one replaces it.
@@ -131,6 +131,7 @@ int __VeskRegisterCommandHandlerWithHeartbeat(const char* directory, VeskCommand
   }
   if (handler == nullptr) handler = new (storage) CollectorCommandHandler;
   storeRelease(owner, getpid());
+  storeRelease(registration, kInProgress);
 
   auto* const period = reinterpret_cast<void*>(static_cast<std::intptr_t>(heartbeatSeconds));
   if (services.createThread(commandThreadLoop, period, 0, &commandThread) == 0) {

@@ -211,10 +211,11 @@ TEST_F(CommandHandlerTest, SurvivesRubbishAndDelivers) {
   CollectorProcess collector(1);
   {
     RawChannel raw;
-    std::int32_t state = 1;
+    std::uint32_t state = 1;
     for (const std::int32_t pending : {1000000, -7, 6, INT32_MAX, INT32_MIN}) {
-      auto* words = reinterpret_cast<std::int32_t*>(raw.segment);
-      for (std::size_t i = 0; i < sizeof *raw.segment / 4; ++i) words[i] = state = state * 1103515245 + 12345;
+      auto* words = reinterpret_cast<std::uint32_t*>(raw.segment);
+      for (std::size_t i = 0; i < sizeof *raw.segment / 4; ++i)
+        words[i] = state = state * 1103515245u + 12345u;
       raw.segment->pending = pending;
       raw.post();
       await([&] { return std::atomic_ref(raw.segment->pending) == 0; });

@@ -197,14 +197,29 @@ TEST_F(CommandHandlerTest, LeavesCommandsPendingWhileTheLockIsBusy) {
   EXPECT_EQ(journal.count, 3u);
   EXPECT_EQ(journal.deliveries[2].code, 69648);
 
-  // Taken down under the hands of a thread that is at work on it.
-  std::thread worker([&] {
-    while (handler.processCommands() != -1) std::atomic_ref(raw.segment->pending).store(1);
-  });
-  usleep(2000);
   handler.cleanupCommandHandler(VESKCMDHDLR_CLEAN_COMPLETE);
-  worker.join();
   EXPECT_FALSE(hasSemaphore(raw.names) || std::filesystem::exists(kFile));
+}
+
+TEST_F(CommandHandlerTest, IsTakenDownUnderTheHandsOfAThreadAtWork) {
+  for (int round = 0; round < 100; ++round) {
+    CollectorCommandHandler handler;
+    const auto ignore = [](int, int, int, int, int, unsigned char*, void*) {};
+    ASSERT_EQ(handler.initializeCommandHandler("", ignore, nullptr), 1);
+    RawChannel raw;
+    std::atomic<bool> working{false};
+    std::thread worker([&] {
+      do {
+        std::atomic_ref(raw.segment->pending).store(5);
+        working = true;
+        usleep(10);
+      } while (handler.processCommands() != -1);
+    });
+    while (!working) std::this_thread::yield();
+    usleep(round);
+    handler.cleanupCommandHandler(VESKCMDHDLR_CLEAN_COMPLETE);
+    worker.join();
+  }
 }
 
 TEST_F(CommandHandlerTest, SurvivesRubbishAndDelivers) {

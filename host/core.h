@@ -69,6 +69,8 @@ extern constinit ThreadEndHook threadEndHook;
 
 // Starts an internal thread; its arguments are those of VeskCreateThreadProc.
 int createThread(VeskThreadFunction function, void* argument, std::size_t stackSize, void** handle) noexcept;
+// The last act of an internal thread.
+[[noreturn]] void endThread(std::uint32_t exitCode) noexcept;
 int waitForThread(void** handle, std::uint32_t milliseconds, std::uint32_t* exitCode) noexcept;
 
 // ---- Process ----

@@ -2,6 +2,7 @@
 
 #include <pthread.h>
 #include <sched.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include "host/modules.h"
@@ -17,11 +18,15 @@ constexpr VeskHostEvents kNobody = {};
 
 constinit VeskHostEvents collectorEvents = {};
 constinit std::atomic<pid_t> ownProcess{0};
-constinit std::atomic<bool> ended{false};
+constinit std::atomic<std::uint32_t> endingThread{0}; // who ends the process; nobody yet
+constinit std::atomic<bool> ended{false};             // and has told the collector
+constinit struct stat standardError = {};             // as it was at the start
 constinit std::atomic<bool> cancellationAllowed{false};
 
 // How long to wait for threads that are inside the collector, when they may be stuck there.
 constexpr std::uint64_t kPatience = 2000;
+// How long another thread that ends the process waits for the collector to write its result.
+constexpr std::uint64_t kPatienceForResult = 10000;
 
 // ---- The gate ----
 //
@@ -84,17 +89,37 @@ struct Ending {
 // In this order, so that nobody else works on what the collector writes: threads of the program, the
 // collector's own threads, the last callback.
 void endCollector(const Ending& ending) noexcept {
+  pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
   listener.store(&kNobody);
   if (ending.patience > 0) waitUntilQuiet(ending.patience);
   runExitCallbacks();
   if (collectorEvents.processEnding != nullptr) collectorEvents.processEnding(ending.how, ending.status);
+  ended.store(true);
+}
+
+// Is the calling thread the one that ends the process? Of several the first is, and the others wait for it.
+bool beginEnd() noexcept {
+  std::uint32_t first = 0;
+  if (endingThread.compare_exchange_strong(first, threadId())) return true;
+  const std::uint64_t deadline = nowMilliseconds() + kPatienceForResult;
+  while (first != threadId() && !ended.load() && nowMilliseconds() < deadline) sched_yield();
+  return false;
+}
+
+// Descriptor 2 may have become a file of the program.
+bool standardErrorIsStillThere() noexcept {
+  struct stat now;
+  return fstat(STDERR_FILENO, &now) == 0 && now.st_dev == standardError.st_dev &&
+         now.st_ino == standardError.st_ino;
 }
 
 void endFatally(int status) noexcept {
-  if (isOwnProcess() && !ended.exchange(true)) {
+  if (isOwnProcess() && beginEnd()) {
     static constexpr char kText[] =
         "veskhost: the collector cannot go on, and ends the program; its log says why\n";
-    [[maybe_unused]] const ssize_t ignored = write(STDERR_FILENO, kText, sizeof kText - 1);
+    if (standardErrorIsStillThere()) {
+      [[maybe_unused]] const ssize_t ignored = write(STDERR_FILENO, kText, sizeof kText - 1);
+    }
     ScopedCollectorMark mark;
     endCollector({VESK_END_FATAL, status, 0});
   }
@@ -126,6 +151,7 @@ Event::~Event() {
 void listen(const VeskHostEvents& events) noexcept {
   collectorEvents = events;
   ownProcess.store(getpid(), std::memory_order_relaxed);
+  fstat(STDERR_FILENO, &standardError);
   fatalHook = endFatally;
   listener.store(&collectorEvents, std::memory_order_release);
   pthread_atfork(prepareObservedFork, observedForkInParent, observedForkInChild);
@@ -136,7 +162,7 @@ bool isOwnProcess() noexcept { return watching() && ownProcess.load(std::memory_
 // A signal handler may end the process on a thread that is inside the collector. What that thread holds it
 // will not let go, so the end is left to another thread, and given up if that gets stuck.
 void processEnds(VeskProcessEnd how, int status) noexcept {
-  if (!isOwnProcess() || ended.exchange(true)) return;
+  if (!isOwnProcess() || !beginEnd()) return;
   lookForModules();
   const bool inside = self.mark == Mark::kCollector;
   ScopedCollectorMark mark;
@@ -184,7 +210,8 @@ void observedForkInChild() noexcept {
   closed.store(0, std::memory_order_relaxed);
   self.mark = self.markBeforeFork;
   self.tellEnd = false; // it is the first thread now
-  if (!veskHostFollowsChildren() || !self.quietBeforeFork || ended.load(std::memory_order_relaxed)) {
+  if (!veskHostFollowsChildren() || !self.quietBeforeFork ||
+      endingThread.load(std::memory_order_relaxed) != 0) {
     listener.store(&kNobody, std::memory_order_relaxed);
     return;
   }

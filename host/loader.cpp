@@ -49,6 +49,7 @@ VeskHostEvents startCollector(const Settings& settings) noexcept {
   if (collector == nullptr) refuse("cannot load the collector", dlerror());
   const auto start = reinterpret_cast<VeskCollectorStart>(dlsym(collector, VESK_COLLECTOR_START_NAME));
   if (start == nullptr) refuse("this is no collector", settings.collector);
+  fatalHook = [](int) noexcept { refuse("the collector cannot start", "its log says why"); };
   VeskHostEvents events = {};
   const int status = start(settings.argumentCount, settings.arguments, &events);
   if (status != 0) endBeforeStart(status == VESK_COLLECTOR_DONE ? 0 : status);

@@ -142,13 +142,6 @@ void* runInternalThread(void* record) {
   return nullptr;
 }
 
-// Jumps out of the thread's function: pthread_exit would load an unwinder into the program.
-[[noreturn]] void endInternalThread(std::uint32_t exitCode) {
-  if (internalThread == nullptr) pthread_exit(nullptr); // not ours to end, yet it must not return
-  internalThread->exitCode = exitCode;
-  std::longjmp(internalThread->out, 1);
-}
-
 std::uint64_t currentThread() { return threadId(); }
 std::uint32_t nativeThread() { return threadId(); }
 std::uint64_t parentThread() { return self.parentId; }
@@ -193,6 +186,13 @@ int createThread(VeskThreadFunction function, void* argument, std::size_t stackS
   return 0;
 }
 
+// Jumps out of the thread's function: pthread_exit would load an unwinder into the program.
+void endThread(std::uint32_t exitCode) noexcept {
+  if (internalThread == nullptr) pthread_exit(nullptr); // not ours to end, yet it must not return
+  internalThread->exitCode = exitCode;
+  std::longjmp(internalThread->out, 1);
+}
+
 int waitForThread(void** handle, std::uint32_t milliseconds, std::uint32_t* exitCode) noexcept {
   auto* thread = static_cast<InternalThread*>(*handle);
   if (thread == nullptr) return 1;
@@ -219,7 +219,7 @@ void installThreads() noexcept {
   __VeskSetTlsFreeProc(freeSlot);
   __VeskSetTlsGetValueProc(slotValue);
   __VeskSetTlsSetValueProc(setSlotValue);
-  __VeskSetThreadProcs(createThread, endInternalThread, waitForThread, addExitCallback);
+  __VeskSetThreadProcs(createThread, endThread, waitForThread, addExitCallback);
 }
 
 } // namespace veskhost

@@ -3,7 +3,8 @@
  *
  * It comes as a static library with one call, veskHostInstall(), for tests, benchmarks and examples; and as
  * libveskhost.so, preloaded by veskrun into a program, where it also watches the program and tells a
- * collector what happens in it.
+ * collector what happens in it. What the C library allocates for the collector then comes from a heap of the
+ * host's, not from the program's.
  *
  * A collector for libveskhost.so is a shared object that exports veskCollectorStart(). */
 #ifndef VESKHOST_H
@@ -70,9 +71,9 @@ typedef struct VeskHostEvents {
   /* `block` is about to be given back; told before the program's allocator can hand it out anew. Never null.
    */
   void (*releasing)(void* block, const void* caller);
-  /* realloc of a live block: told before and after. `newBlock` is null when it failed and `oldBlock` lives on
-   * (or when `bytes` is 0 and the block was given back: then `released` is 1). The token is what the first
-   * returned. */
+  /* realloc of a live block (of null it is an allocation): told before and after. `newBlock` is null when it
+   * failed and `oldBlock` lives on (or when `bytes` is 0 and the block was given back: then `released` is 1).
+   * The token is what the first returned. */
   uint64_t (*reallocating)(void* oldBlock, const void* caller);
   void (*reallocated)(uint64_t token, void* oldBlock, void* newBlock, size_t bytes, int released,
                       VeskHeapFunction function, const void* caller);
@@ -89,8 +90,11 @@ typedef struct VeskHostEvents {
   /* In the child of a fork, when children are followed; otherwise the child raises no events at all. */
   void (*forkedInChild)(void);
 
-  /* The program is about to end: once, on the thread that ends it, after the program's own exit handlers. A
-   * death by signal is not told. */
+  /* The program is about to end: once, on the thread that ends it, after the program's own exit handlers and
+   * the exit callbacks of internal threads; no other callback runs any more. A death by signal is not told.
+   * VESK_END_EXEC is told before each exec, with everything going on, since it may fail. When a signal
+   * handler ends the program in the middle of a callback, this runs on an internal thread and has two
+   * seconds. */
   void (*processEnding)(VeskProcessEnd how, int status);
 } VeskHostEvents;
 
@@ -107,7 +111,8 @@ typedef int (*VeskCollectorStart)(uint32_t argc, const char* const* argv, VeskHo
 /* The name of the analysed program and its process id. */
 VESK_API const char* veskHostProgramPath(void);
 
-/* Whether children of the program are followed. */
+/* Whether children of the program are followed: those that it forks and what it executes, but not what the C
+ * library starts for it in system() and popen(). */
 VESK_API int veskHostFollowsChildren(void);
 VESK_API void veskHostSetFollowChildren(int follow);
 

@@ -30,7 +30,7 @@ constexpr char kUsage[] =
 
 Runs a program and observes it with a collector: the heap profiler, if no other is named.
 
-  --collector FILE   the collector to load, a shared object
+  -collector FILE    the collector to load, a shared object
   --help             this text and the collector's options (also -help)
   --version          the version
 
@@ -66,8 +66,8 @@ CommandLine parse(int argc, char** argv) {
       line.help = true;
     } else if (argument == "--version") {
       line.version = true;
-    } else if (argument == "--collector") {
-      if (++index == argc) fail(kUsageError, "--collector needs a file");
+    } else if (argument == "-collector" || argument == "--collector") {
+      if (++index == argc) fail(kUsageError, std::string(argument) + " needs a file");
       line.collector = argv[index];
     } else if (argument.starts_with("--")) {
       fail(kUsageError, "there is no option " + std::string(argument) + " (see veskrun --help)");

@@ -7,6 +7,7 @@
  *   realloc 0x5566 0x7788 48 0 program    old, new, bytes, released
  *   module+ PATH BUILDIDSIZE, module- PATH, thread+ ID, thread- ID, fork, end HOW STATUS */
 #include <errno.h>
+#include <fcntl.h>
 #include <stdarg.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -78,7 +79,7 @@ static void forkedInChild(void) {
 static void processEnding(VeskProcessEnd how, int status) {
   static const char* const names[] = {"exit", "quick", "exec", "fatal"};
   FILE* file = fopen(path, "w");
-  note("end %s %d\n", names[how], status);
+  note("\nend %s %d\n", names[how], status);
   if (file == NULL) return;
   fwrite(text, 1, length < limit ? length : limit, file);
   fclose(file);
@@ -99,7 +100,9 @@ VESK_API int veskCollectorStart(uint32_t argc, const char* const* argv, VeskHost
   if (out == NULL) return 3;
   snprintf(path, sizeof path, "%s", out);
 
-  if (access(path, F_OK) == 0) snprintf(path + strlen(path), 16, ".%d", (int)getpid());
+  n = (uint32_t)open(path, O_CREAT | O_EXCL, 0600); /* the first process has the name */
+  if ((int)n < 0) snprintf(path + strlen(path), 16, ".%d", (int)getpid());
+  close((int)n);
   text = mmap(NULL, limit, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
   events->allocated = allocated;
   events->releasing = releasing;

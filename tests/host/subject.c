@@ -1,5 +1,5 @@
-/* Programs that the host must observe without their noticing, one for each name in the table at the end. Each
- * prints what it sees, and is compared with itself without the host. */
+/* Programs that the host must observe without their noticing, one for each exported function without
+ * arguments, by its name. Each prints what it sees, and is compared with itself without the host. */
 #define _GNU_SOURCE
 #include <dlfcn.h>
 #include <errno.h>
@@ -23,7 +23,7 @@ static void* volatile keep; /* keeps calls alive */
 static char module[4096];   /* the path of the shared object that comes with this program */
 
 /* One call of each function, and those that must raise nothing. */
-static int heap(void) {
+int heap(void) {
   void* block;
   void* more = NULL;
   errno = 77;
@@ -74,7 +74,7 @@ static void* setKey(void* argument) {
   return argument;
 }
 
-static int threads(void) {
+int threads(void) {
   pthread_t ids[6];
   thrd_t standard;
   void* result;
@@ -95,7 +95,7 @@ static int threads(void) {
   return 0;
 }
 
-static int modules(void) {
+int modules(void) {
   void* handle = dlopen(module, RTLD_NOW);
   printf("found %d\n", handle != NULL && dlsym(handle, "moduleFunction") != NULL);
   dlclose(handle);
@@ -110,12 +110,11 @@ static int modules(void) {
 }
 
 static int status(pid_t pid) {
-  int result;
-  waitpid(pid, &result, 0);
-  return WIFEXITED(result) ? WEXITSTATUS(result) : 1000 + WTERMSIG(result);
+  int result = 0;
+  return waitpid(pid, &result, 0) == pid ? result >> 8 : -1;
 }
 
-static int forks(void) {
+int forks(void) {
   char* const arguments[] = {(char*)"true", NULL};
   pid_t pid;
   fflush(stdout);
@@ -151,11 +150,11 @@ static int forks(void) {
 static void late(void) { free(malloc(4001)); }
 __attribute__((destructor)) static void later(void) { free(malloc(4002)); }
 
-static int exits(void) {
+int exits(void) {
   atexit(late);
   return 21;
 }
-static int quick(void) {
+int quick(void) {
   at_quick_exit(late);
   quick_exit(22);
 }
@@ -170,9 +169,9 @@ static int manyThreads(void* (*function)(void*)) {
   usleep(20000);
   return 24;
 }
-static int exitFromThread(void) { return manyThreads(exitHere) + (int)sleep(60); }
-static int exitWhileBusy(void) { return manyThreads(allocateForever); }
-static int forkWhileBusy(void) {
+int exitFromThread(void) { return manyThreads(exitHere) + (int)sleep(60); }
+int exitWhileBusy(void) { return manyThreads(allocateForever); }
+int forkWhileBusy(void) {
   int sum = 0;
   manyThreads(allocateForever);
   for (int n = 0; n < 20; ++n) {
@@ -191,18 +190,18 @@ static void* leaveLast(void* argument) {
   free(malloc(4003));
   return argument;
 }
-static int mainLeaves(void) {
+int mainLeaves(void) {
   pthread_t id;
   pthread_create(&id, NULL, leaveLast, NULL);
   pthread_exit(NULL);
 }
 
-static int closesAll(void) {
+int closesAll(void) {
   for (int fd = 0; fd < 1024; ++fd) close(fd);
   return 31;
 }
 /* Descriptors 0 to 2 may be closed, or be files of the program: what they hold must be its own. */
-static int standardFiles(void) {
+int standardFiles(void) {
   char line[16];
   int sum = 0;
   for (int fd = 0; fd < 3; ++fd) sum += (fcntl(fd, F_GETFD) >= 0) << fd;
@@ -211,36 +210,35 @@ static int standardFiles(void) {
   snprintf(line, sizeof line, "%d %d\n", sum, made);
   return write(made, line, strlen(line)) < 0 ? 1 : 32 + sum;
 }
-static int ownEnvironment(void) {
+int ownEnvironment(void) {
   for (char** variable = environ; *variable != NULL; ++variable) puts(*variable);
   return system("env | grep -c VESK_") >= 0 ? 0 : 1;
 }
 
 static void onAlarm(int number) { keep = malloc((size_t)number); }
 static void onAlarmExit(int number) { exit(27 + number); }
-static int allocateInHandler(void) {
+int allocateInHandler(void) {
   signal(SIGALRM, onAlarm);
   ualarm(100, 100);
   for (int n = 0; n < 300000; ++n) getpid();
   ualarm(0, 0);
   return 0;
 }
-static int exitInHandler(void) {
+int exitInHandler(void) {
   signal(SIGALRM, onAlarmExit);
   ualarm(30000, 0);
   return allocateForever(NULL) != NULL;
 }
-static int aborts(void) {
+int aborts(void) {
   fflush(stdout);
   abort();
 }
-static int killed(void) { return kill(getpid(), SIGTERM); }
 
 static void* small(void* argument) {
   keep = malloc(5001);
   return argument;
 }
-static int smallStack(void) {
+int smallStack(void) {
   pthread_attr_t attributes;
   pthread_t id;
   pthread_attr_init(&attributes);
@@ -249,28 +247,6 @@ static int smallStack(void) {
   return pthread_join(id, NULL);
 }
 
-static const struct {
-  const char* name;
-  int (*run)(void);
-} programs[] = {{"heap", heap},
-                {"threads", threads},
-                {"modules", modules},
-                {"forks", forks},
-                {"exits", exits},
-                {"quick", quick},
-                {"exit-from-thread", exitFromThread},
-                {"exit-while-busy", exitWhileBusy},
-                {"fork-while-busy", forkWhileBusy},
-                {"main-leaves", mainLeaves},
-                {"closes-all", closesAll},
-                {"standard-files", standardFiles},
-                {"environment", ownEnvironment},
-                {"allocate-in-handler", allocateInHandler},
-                {"exit-in-handler", exitInHandler},
-                {"aborts", aborts},
-                {"killed", killed},
-                {"small-stack", smallStack}};
-
 int main(int argc, char** argv) {
   static char buffer[65536]; /* so that output allocates nothing */
   const char* slash;
@@ -278,8 +254,6 @@ int main(int argc, char** argv) {
   setvbuf(stdout, buffer, _IOFBF, sizeof buffer);
   slash = strrchr(argv[0], '/');
   snprintf(module, sizeof module, "%.*s/plugins/libsubject_module.so", (int)(slash - argv[0]), argv[0]);
-  for (size_t n = 0; n < sizeof programs / sizeof programs[0]; ++n) {
-    if (strcmp(argv[1], programs[n].name) == 0) return programs[n].run();
-  }
-  return 2;
+  int (*const program)(void) = (int (*)(void))dlsym(NULL, argv[1]);
+  return program != NULL ? program() : 2;
 }

@@ -35,7 +35,7 @@ inline const std::string kBinaries = VESK_BINARIES;
 
 // What stands in front of a program to have the events collector write to `file`.
 inline std::string observed(const std::string& options = "") {
-  return kBinaries + "/veskrun --collector " + kBinaries + "/libevent_collector.so -out events " + options +
+  return kBinaries + "/veskrun -collector " + kBinaries + "/libevent_collector.so -out events " + options +
          " -- ";
 }
 

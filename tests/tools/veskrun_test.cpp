@@ -13,7 +13,7 @@ using test::observed;
 using test::shell;
 
 const std::string kVeskrun = kBinaries + "/veskrun";
-const std::string kCollector = " --collector " + kBinaries + "/libevent_collector.so ";
+const std::string kCollector = " -collector " + kBinaries + "/libevent_collector.so ";
 
 void write(const std::string& path, const std::string& text) {
   std::ofstream(path) << text;
@@ -80,8 +80,8 @@ TEST(Veskrun, CommandLine) {
   EXPECT_EQ(shell(kVeskrun + kCollector + "-out events echo no"), (test::Outcome{2, ""}));
   EXPECT_EQ(shell(kVeskrun + kCollector + "--nonsense -- echo no"), (test::Outcome{2, ""}));
   EXPECT_EQ(shell(kVeskrun + kCollector + "--"), (test::Outcome{2, ""}));
-  EXPECT_EQ(shell(kVeskrun + " --collector /nonexistent.so -- echo no"), (test::Outcome{2, ""}));
-  EXPECT_EQ(shell(kVeskrun + " --collector /bin/true -- echo no"), (test::Outcome{2, ""}));
+  EXPECT_EQ(shell(kVeskrun + " -collector /nonexistent.so -- echo no"), (test::Outcome{2, ""}));
+  EXPECT_EQ(shell(kVeskrun + " -collector /bin/true -- echo no"), (test::Outcome{2, ""}));
 
   // Any byte comes through to the collector, and without options of its own "--" may be left out.
   EXPECT_EQ(

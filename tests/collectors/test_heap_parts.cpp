@@ -43,7 +43,8 @@ TEST(HeapBlocks, HoldWhatAMapHolds) {
     } else {
       ASSERT_EQ(heap::takeBlock(at(address)), 0u);
       const int shift = static_cast<int>(random() % 64);
-      const Block block = {static_cast<std::uint32_t>(random() % ((1u << heap::kSiteBits) - 1)) + 1, random() >> shift};
+      const Block block = {static_cast<std::uint32_t>(random() % ((1u << heap::kSiteBits) - 1)) + 1,
+                           random() >> shift};
       ASSERT_EQ(heap::putBlock(at(address), block), 0u);
       model.emplace(address, block);
     }
@@ -64,7 +65,8 @@ TEST(HeapBlocks, ThreadsKeepTheirOwn) {
   for (std::uint32_t self = 1; self <= 4; ++self) {
     threads.emplace_back([self, &wrong] {
       for (std::uint64_t i = 0; i < 20'000; ++i) {
-        const std::uint64_t address = 0x500000000000 + (i % 700 * 4 + self) * 16; // interleaved with the others'
+        const std::uint64_t address =
+            0x500000000000 + (i % 700 * 4 + self) * 16; // interleaved with the others'
         heap::putBlock(at(address), {self, i});
         const Block block = heap::openBlock(heap::takeBlock(at(address)));
         if (block.site != self || block.bytes != i) ++wrong;

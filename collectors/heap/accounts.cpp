@@ -115,8 +115,8 @@ void accountRelease(Site& site, std::uint64_t bytes, bool temporary) {
   sampleIfDue(now);
 }
 
-void accountReallocation(Site* released, std::uint64_t releasedBytes, bool temporary, Site& site, std::uint64_t bytes,
-                         VeskHeapFunction function) {
+void accountReallocation(Site* released, std::uint64_t releasedBytes, bool temporary, Site& site,
+                         std::uint64_t bytes, VeskHeapFunction function) {
   const std::uint64_t now = clock();
   Holding hold(accounts.lock);
   if (released != nullptr) subtract(*released, releasedBytes, temporary);
@@ -155,6 +155,8 @@ std::uint64_t StillAccounts::peakBytes(const Site& site) const {
 std::uint64_t StillAccounts::nanoseconds() const { return sinceStart(clock()); }
 const Sample* StillAccounts::samples() const { return accounts.samples; }
 std::uint32_t StillAccounts::sampleCount() const { return accounts.sampleCount; }
-std::uint64_t StillAccounts::sampleMilliseconds() const { return accounts.interval / kNanosecondsInMillisecond; }
+std::uint64_t StillAccounts::sampleMilliseconds() const {
+  return accounts.interval / kNanosecondsInMillisecond;
+}
 
 } // namespace heap

@@ -1,13 +1,14 @@
 // What is counted: for every call stack (a site) and for the process.
 //
-// One lock makes every event a single step, so events have one order, also across threads, and the sums over the sites
-// equal the totals at every moment. The step is a few additions; unwinding, the search for the stack and the table of live
-// blocks lie outside it.
+// One lock makes every event a single step, so events have one order, also across threads, and the sums over
+// the sites equal the totals at every moment. The step is a few additions; unwinding, the search for the
+// stack and the table of live blocks lie outside it.
 //
-// Bytes at the peak. The process peak is the moment at which the live bytes first reached their highest value. Copying
-// every site at each new peak would cost as much as there are sites; instead the first release after a new peak closes it by
-// raising an epoch, and a site keeps what it held when an event touches it for the first time in an epoch. A site that was
-// not touched since the last peak was closed holds now what it held then.
+// Bytes at the peak. The process peak is the moment at which the live bytes first reached their highest
+// value. Copying every site at each new peak would cost as much as there are sites; instead the first release
+// after a new peak closes it by raising an epoch, and a site keeps what it held when an event touches it for
+// the first time in an epoch. A site that was not touched since the last peak was closed holds now what it
+// held then.
 #pragma once
 
 #include <cstdint>
@@ -65,9 +66,10 @@ void restartAccounts();
 void accountAllocation(Site& site, std::uint64_t bytes, VeskHeapFunction function);
 void accountRelease(Site& site, std::uint64_t bytes, bool temporary);
 
-// A release and an allocation in one step: no moment in between is a peak. `released` may be null: an allocation alone.
-void accountReallocation(Site* released, std::uint64_t releasedBytes, bool temporary, Site& site, std::uint64_t bytes,
-                         VeskHeapFunction function);
+// A release and an allocation in one step: no moment in between is a peak. `released` may be null: an
+// allocation alone.
+void accountReallocation(Site* released, std::uint64_t releasedBytes, bool temporary, Site& site,
+                         std::uint64_t bytes, VeskHeapFunction function);
 
 // While one is held, nothing changes. Reading goes through it.
 class StillAccounts {

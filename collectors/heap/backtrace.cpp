@@ -19,8 +19,8 @@ constexpr std::uint64_t kLargestFrame = 1u << 20;
 
 // ---- Rules by return address ----
 //
-// Two words without a lock: the rule, and the rule XOR the address. A reader that catches halves of two different entries
-// finds neither address.
+// Two words without a lock: the rule, and the rule XOR the address. A reader that catches halves of two
+// different entries finds neither address.
 
 using PackedRule = std::uint64_t; // never 0
 
@@ -35,7 +35,8 @@ constinit Entry entries[1u << kEntryBits] = {};
 // bits 0-2 kind, 3 saves the frame pointer, 4-31 its offset, 32-63 the CFA's offset
 PackedRule pack(const FrameRule& rule) {
   return static_cast<std::uint64_t>(rule.kind) | static_cast<std::uint64_t>(rule.savesFramePointer) << 3 |
-         (static_cast<std::uint64_t>(static_cast<std::uint32_t>(rule.framePointerOffset)) << 4 & 0xFFFFFFF0u) |
+         (static_cast<std::uint64_t>(static_cast<std::uint32_t>(rule.framePointerOffset)) << 4 &
+          0xFFFFFFF0u) |
          static_cast<std::uint64_t>(static_cast<std::uint32_t>(rule.cfaOffset)) << 32;
 }
 
@@ -47,7 +48,8 @@ std::int64_t cfaOffset(PackedRule rule) { return static_cast<std::int32_t>(rule 
 [[gnu::noinline]] PackedRule readRule(Entry& entry, std::uint64_t address) {
   FrameRule rule = readFrameRule(address);
   constexpr std::int32_t kOffsetEnd = 1 << 27;
-  if (rule.framePointerOffset >= kOffsetEnd || rule.framePointerOffset < -kOffsetEnd) rule.kind = FrameKind::kOther;
+  if (rule.framePointerOffset >= kOffsetEnd || rule.framePointerOffset < -kOffsetEnd)
+    rule.kind = FrameKind::kOther;
   const PackedRule packed = pack(rule);
   entry.rule.store(packed, std::memory_order_relaxed);
   entry.check.store(packed ^ address, std::memory_order_relaxed);
@@ -57,7 +59,8 @@ std::int64_t cfaOffset(PackedRule rule) { return static_cast<std::int32_t>(rule 
 PackedRule ruleFor(std::uint64_t address) {
   Entry& entry = entries[address * 0x9E3779B97F4A7C15u >> (64 - kEntryBits)];
   const PackedRule rule = entry.rule.load(std::memory_order_relaxed);
-  if ((entry.check.load(std::memory_order_relaxed) ^ rule) == address && rule != 0) [[likely]] return rule;
+  if ((entry.check.load(std::memory_order_relaxed) ^ rule) == address && rule != 0) [[likely]]
+    return rule;
   return readRule(entry, address);
 }
 
@@ -83,10 +86,12 @@ std::uint64_t wordAt(std::uint64_t address) { return *reinterpret_cast<const std
   const std::uint64_t from = kind == FrameKind::kStackPointer ? frame.sp : frame.fp;
   const std::uint64_t cfa = from + static_cast<std::uint64_t>(cfaOffset(rule));
   const std::uint64_t size = cfa - frame.sp;
-  if (size - 8 > kLargestFrame || size % 8 != 0) [[unlikely]] return Step::kImpossible;
+  if (size - 8 > kLargestFrame || size % 8 != 0) [[unlikely]]
+    return Step::kImpossible;
   if (savesFramePointer(rule)) {
     const std::uint64_t place = cfa + static_cast<std::uint64_t>(framePointerOffset(rule));
-    if (place - frame.sp > size - 8) [[unlikely]] return Step::kImpossible;
+    if (place - frame.sp > size - 8) [[unlikely]]
+      return Step::kImpossible;
     frame.fp = wordAt(place);
   }
   frame.ip = wordAt(cfa - 8);
@@ -95,7 +100,8 @@ std::uint64_t wordAt(std::uint64_t address) { return *reinterpret_cast<const std
 }
 
 // False when a frame has no simple rule.
-[[gnu::always_inline]] inline bool walk(Trace& trace, Registers frame, std::uint64_t caller, std::uint32_t depth) {
+[[gnu::always_inline]] inline bool walk(Trace& trace, Registers frame, std::uint64_t caller,
+                                        std::uint32_t depth) {
   for (std::uint32_t own = 0; frame.ip != caller; ++own) {
     if (own == kOwnFrames || stepOut(frame) != Step::kTaken) return false;
   }
@@ -131,13 +137,14 @@ std::uint64_t wordAt(std::uint64_t address) { return *reinterpret_cast<const std
 } // namespace
 
 void startBacktraces() {
-  // With caches of their own threads take no lock inside libunwind: one that waits there for the loader, while the thread that
-  // holds the loader allocates, would wait for ever.
+  // With caches of their own threads take no lock inside libunwind: one that waits there for the loader,
+  // while the thread that holds the loader allocates, would wait for ever.
   unw_set_caching_policy(unw_local_addr_space, UNW_CACHE_PER_THREAD);
 }
 
 [[gnu::noinline]] void captureBacktrace(Trace& trace, const void* caller, std::uint32_t depth) {
-  // Asking for the frame's address gives this function a frame pointer: saved rbp, then the return address, then the caller's.
+  // Asking for the frame's address gives this function a frame pointer: saved rbp, then the return address,
+  // then the caller's.
   const auto own = reinterpret_cast<std::uint64_t>(__builtin_frame_address(0));
   const Registers frame = {wordAt(own + 8), own + 16, wordAt(own)};
   if (!walk(trace, frame, reinterpret_cast<std::uint64_t>(caller), depth)) [[unlikely]] {

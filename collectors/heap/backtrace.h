@@ -1,8 +1,8 @@
 // The call stack of the program at a heap call.
 //
-// A walk goes from frame to frame by rules (frame_rules.h) that are read once for each return address and then kept in a
-// table for all threads. Where a stack has a frame without a simple rule, the whole of it is left to libunwind, stepwise and
-// without its own cache of frames, which would outlive the modules.
+// A walk goes from frame to frame by rules (frame_rules.h) that are read once for each return address and
+// then kept in a table for all threads. Where a stack has a frame without a simple rule, the whole of it is
+// left to libunwind, stepwise and without its own cache of frames, which would outlive the modules.
 #pragma once
 
 #include <cstdint>

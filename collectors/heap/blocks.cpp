@@ -45,7 +45,9 @@ constexpr std::uint64_t kScatter = 0x9E3779B97F4A7C15u; // 2^64 / golden ratio
 Shard& shardOf(std::uint64_t address) { return shards[(address >> 16) * kScatter >> (64 - kShardBits)]; }
 
 // The pages of a shard come in runs of 16.
-std::uint64_t scatteredHash(VeskHashTable* /*table*/, std::uint64_t key) { return key ^ ((key >> 4) * kScatter >> 32); }
+std::uint64_t scatteredHash(VeskHashTable* /*table*/, std::uint64_t key) {
+  return key ^ ((key >> 4) * kScatter >> 32);
+}
 
 [[gnu::noinline]] VeskHashTable* makeTable() {
   const VeskHashFunction functions[] = {scatteredHash};
@@ -77,7 +79,8 @@ Page* pageOf(Shard& shard, std::uint64_t address) {
   return page;
 }
 
-// A page that is filled and emptied again and again is the one kept; the one kept before goes, if it is still empty.
+// A page that is filled and emptied again and again is the one kept; the one kept before goes, if it is still
+// empty.
 [[gnu::noinline]] void keepEmpty(Shard& shard, Page* page) {
   Page* before = shard.empty;
   shard.empty = page;
@@ -86,7 +89,9 @@ Page* pageOf(Shard& shard, std::uint64_t address) {
   __VeskFree(before);
 }
 
-BlockWord& wordIn(Page& page, std::uint64_t address) { return page.words[address >> kGranuleBits & (kGranules - 1)]; }
+BlockWord& wordIn(Page& page, std::uint64_t address) {
+  return page.words[address >> kGranuleBits & (kGranules - 1)];
+}
 
 // ---- Blocks between granules ----
 
@@ -118,14 +123,16 @@ bool isOdd(std::uint64_t address) { return (address & ((1u << kGranuleBits) - 1)
 }
 
 BlockWord pack(Block block) {
-  if (block.bytes >= kPackedBytesEnd) [[unlikely]] return packHuge(block);
+  if (block.bytes >= kPackedBytesEnd) [[unlikely]]
+    return packHuge(block);
   return block.bytes << kSiteBits | block.site;
 }
 
 BlockWord put(std::uint64_t address, BlockWord word) {
   Shard& shard = shardOf(address);
   Holding hold(shard.lock);
-  if (isOdd(address)) [[unlikely]] return exchangeOdd(shard, address, word);
+  if (isOdd(address)) [[unlikely]]
+    return exchangeOdd(shard, address, word);
   Page* page = pageOf(shard, address);
   if (page == nullptr) page = makePage(shard, address >> kPageBits);
   BlockWord& held = wordIn(*page, address);
@@ -147,7 +154,8 @@ BlockWord takeBlock(const void* block) {
   const auto address = reinterpret_cast<std::uint64_t>(block);
   Shard& shard = shardOf(address);
   Holding hold(shard.lock);
-  if (isOdd(address)) [[unlikely]] return exchangeOdd(shard, address, 0);
+  if (isOdd(address)) [[unlikely]]
+    return exchangeOdd(shard, address, 0);
   Page* page = pageOf(shard, address);
   if (page == nullptr) return 0;
   BlockWord& held = wordIn(*page, address);
@@ -159,7 +167,8 @@ BlockWord takeBlock(const void* block) {
 }
 
 Block openBlock(BlockWord word) {
-  if ((word & kHuge) != 0) [[unlikely]] return openHuge(word);
+  if ((word & kHuge) != 0) [[unlikely]]
+    return openHuge(word);
   return {static_cast<std::uint32_t>(word & ((1u << kSiteBits) - 1)), word >> kSiteBits};
 }
 

@@ -1,9 +1,10 @@
-// The live blocks: for every address that the program holds, the site that it comes from and the bytes asked for.
+// The live blocks: for every address that the program holds, the site that it comes from and the bytes asked
+// for.
 //
-// What is known of a block is packed into one word. The words of all blocks in 4 KiB of addresses lie side by side in a page,
-// and the pages are found by a table: neighbours on the heap are neighbours here, and a block takes no entry and no
-// allocation of its own. The pages are spread over 64 tables, each with a lock; 64 KiB of addresses share one, so that
-// threads, whose blocks come from arenas far apart, seldom meet.
+// What is known of a block is packed into one word. The words of all blocks in 4 KiB of addresses lie side by
+// side in a page, and the pages are found by a table: neighbours on the heap are neighbours here, and a block
+// takes no entry and no allocation of its own. The pages are spread over 64 tables, each with a lock; 64 KiB
+// of addresses share one, so that threads, whose blocks come from arenas far apart, seldom meet.
 #pragma once
 
 #include <cstdint>
@@ -26,7 +27,8 @@ void startBlocks(std::uint32_t category);
 // Enters a block. Returns the word of the one that was there, whose release has not been told, or 0.
 BlockWord putBlock(const void* address, Block block);
 
-// Takes a block out; 0 when the address is not known. The word then belongs to the caller, who opens it or puts it back.
+// Takes a block out; 0 when the address is not known. The word then belongs to the caller, who opens it or
+// puts it back.
 BlockWord takeBlock(const void* address);
 void putBack(const void* address, BlockWord word);
 Block openBlock(BlockWord word);

@@ -1,7 +1,8 @@
 // The heap collector: its start, the events of the program, and its end.
 //
-// An event of the heap takes the stack, finds it among those known, enters or takes out the block, and counts; see stacks.h,
-// blocks.h and accounts.h for each. What belongs to a thread hangs on one thread-local word.
+// An event of the heap takes the stack, finds it among those known, enters or takes out the block, and
+// counts; see stacks.h, blocks.h and accounts.h for each. What belongs to a thread hangs on one thread-local
+// word.
 #include <cstring>
 
 #include "collectors/heap/accounts.h"
@@ -56,13 +57,16 @@ Site& siteOfCall(const void* caller, ThreadState* thread) {
 // Enters a block. What is still there under its address has been given back without notice.
 void enter(const void* block, const Site& site, std::uint64_t bytes) {
   const BlockWord lost = putBlock(block, {site.stack->id, bytes});
-  if (lost == 0) [[likely]] return;
+  if (lost == 0) [[likely]]
+    return;
   const Block old = openBlock(lost);
   accountRelease(siteById(old.site), old.bytes, false);
 }
 
 // Whether the thread's last heap call handed this block out.
-bool isTemporary(ThreadState* thread, const void* block) { return thread != nullptr && thread->lastBlock == block; }
+bool isTemporary(ThreadState* thread, const void* block) {
+  return thread != nullptr && thread->lastBlock == block;
+}
 
 void setLastBlock(ThreadState* thread, const void* block) {
   if (thread != nullptr) thread->lastBlock = block;
@@ -86,7 +90,8 @@ void releasing(void* block, const void* /*caller*/) {
   accountRelease(siteById(old.site), old.bytes, temporary);
 }
 
-// The block is taken out beforehand: once the program's allocator has it, its address may be another thread's.
+// The block is taken out beforehand: once the program's allocator has it, its address may be another
+// thread's.
 std::uint64_t reallocating(void* oldBlock, const void* /*caller*/) { return takeBlock(oldBlock); }
 
 void reallocated(std::uint64_t token, void* oldBlock, void* newBlock, std::size_t bytes, int released,
@@ -147,8 +152,8 @@ void forkedInChild() {
 
 // ---- The end ----
 
-// With children followed, the program that an exec starts writes a result of its own under the same process id. What was
-// counted before goes beside it, under a number.
+// With children followed, the program that an exec starts writes a result of its own under the same process
+// id. What was counted before goes beside it, under a number.
 void nameResultBeforeExec(Path& path) {
   if (!veskHostFollowsChildren()) {
     path.append("%s", files.result.text());
@@ -159,8 +164,10 @@ void nameResultBeforeExec(Path& path) {
 
 void processEnding(VeskProcessEnd how, int status) {
   Path path;
-  if (how == VESK_END_EXEC) nameResultBeforeExec(path);
-  else path.append("%s", files.result.text());
+  if (how == VESK_END_EXEC)
+    nameResultBeforeExec(path);
+  else
+    path.append("%s", files.result.text());
 
   Report report = takeReport(reportCategory);
   const int error = writeResult(path.text(), report, {how, status}, settings.depth, reportCategory);
@@ -208,14 +215,18 @@ void startParts() {
 
 } // namespace heap
 
-extern "C" VESK_API int veskCollectorStart(std::uint32_t argc, const char* const* argv, VeskHostEvents* events) {
+extern "C" VESK_API int veskCollectorStart(std::uint32_t argc, const char* const* argv,
+                                           VeskHostEvents* events) {
   using namespace heap;
   constexpr int kRefused = 2;
   __VeskEnableMemoryStatisticsCollection();
   switch (readSettings(settings, argc, argv)) {
-  case Parsed::kHelpGiven: return VESK_COLLECTOR_DONE;
-  case Parsed::kRefused: return kRefused;
-  case Parsed::kGoOn: break;
+  case Parsed::kHelpGiven:
+    return VESK_COLLECTOR_DONE;
+  case Parsed::kRefused:
+    return kRefused;
+  case Parsed::kGoOn:
+    break;
   }
   nameFiles(files, settings);
   if (!createFiles()) return kRefused;

@@ -33,9 +33,11 @@ public:
   const std::uint8_t* position() const { return at_; }
   void fail() { failed_ = true; }
 
-  template <class T> T read() {
+  template <class T>
+  T read() {
     T value{};
-    if (static_cast<std::uint64_t>(end_ - at_) < sizeof(T)) failed_ = true;
+    if (static_cast<std::uint64_t>(end_ - at_) < sizeof(T))
+      failed_ = true;
     else {
       std::memcpy(&value, at_, sizeof(T));
       at_ += sizeof(T);
@@ -44,8 +46,10 @@ public:
   }
 
   void skip(std::uint64_t bytes) {
-    if (static_cast<std::uint64_t>(end_ - at_) < bytes) failed_ = true;
-    else at_ += bytes;
+    if (static_cast<std::uint64_t>(end_ - at_) < bytes)
+      failed_ = true;
+    else
+      at_ += bytes;
   }
 
   std::uint64_t unsignedLeb() {
@@ -78,11 +82,20 @@ public:
     const auto here = reinterpret_cast<std::uint64_t>(at_);
     std::uint64_t value = 0;
     switch (encoding & kFormat) {
-    case kAbsolute8: value = read<std::uint64_t>(); break;
-    case kUnsigned4: value = read<std::uint32_t>(); break;
-    case kSigned4: value = static_cast<std::uint64_t>(static_cast<std::int64_t>(read<std::int32_t>())); break;
-    case kSigned8: value = read<std::uint64_t>(); break;
-    default: failed_ = true;
+    case kAbsolute8:
+      value = read<std::uint64_t>();
+      break;
+    case kUnsigned4:
+      value = read<std::uint32_t>();
+      break;
+    case kSigned4:
+      value = static_cast<std::uint64_t>(static_cast<std::int64_t>(read<std::int32_t>()));
+      break;
+    case kSigned8:
+      value = read<std::uint64_t>();
+      break;
+    default:
+      failed_ = true;
     }
     if (plain) return value;
     if ((encoding & ~kFormat) == kFromHere) return value + here;
@@ -171,29 +184,51 @@ private:
     const auto instruction = code.read<std::uint8_t>();
     const std::uint8_t operand = instruction & 0x3F;
     switch (instruction & 0xC0) {
-    case 0x40: advance(operand); return true;
-    case 0x80: set(operand, atOffset(static_cast<std::int64_t>(code.unsignedLeb()))); return true;
-    case 0xC0: restore(operand); return true;
-    default: return extended(code, instruction);
+    case 0x40:
+      advance(operand);
+      return true;
+    case 0x80:
+      set(operand, atOffset(static_cast<std::int64_t>(code.unsignedLeb())));
+      return true;
+    case 0xC0:
+      restore(operand);
+      return true;
+    default:
+      return extended(code, instruction);
     }
   }
 
   bool extended(Cursor& code, std::uint8_t instruction) {
     const auto number = [&code] { return static_cast<std::int64_t>(code.unsignedLeb()); };
     switch (instruction) {
-    case 0x00: return true;                                                // nop
-    case 0x01: location_ = code.encoded(common_.addressEncoding); return true; // set_loc
-    case 0x02: advance(code.read<std::uint8_t>()); return true;
-    case 0x03: advance(code.read<std::uint16_t>()); return true;
-    case 0x04: advance(code.read<std::uint32_t>()); return true;
+    case 0x00:
+      return true; // nop
+    case 0x01:
+      location_ = code.encoded(common_.addressEncoding);
+      return true; // set_loc
+    case 0x02:
+      advance(code.read<std::uint8_t>());
+      return true;
+    case 0x03:
+      advance(code.read<std::uint16_t>());
+      return true;
+    case 0x04:
+      advance(code.read<std::uint32_t>());
+      return true;
     case 0x05: { // offset_extended
       const std::uint64_t reg = code.unsignedLeb();
       set(reg, atOffset(number()));
       return true;
     }
-    case 0x06: restore(code.unsignedLeb()); return true;
-    case 0x07: set(code.unsignedLeb(), {Saved::kUndefined, 0}); return true;
-    case 0x08: set(code.unsignedLeb(), {Saved::kUntouched, 0}); return true;
+    case 0x06:
+      restore(code.unsignedLeb());
+      return true;
+    case 0x07:
+      set(code.unsignedLeb(), {Saved::kUndefined, 0});
+      return true;
+    case 0x08:
+      set(code.unsignedLeb(), {Saved::kUntouched, 0});
+      return true;
     case 0x09: // register
     case 0x14: // val_offset
     case 0x15: // val_offset_sf
@@ -213,8 +248,12 @@ private:
       defineCfa(reg, number());
       return true;
     }
-    case 0x0D: defineCfa(code.unsignedLeb(), row_.cfaOffset); return true;
-    case 0x0E: row_.cfaOffset = number(); return true;
+    case 0x0D:
+      defineCfa(code.unsignedLeb(), row_.cfaOffset);
+      return true;
+    case 0x0E:
+      row_.cfaOffset = number();
+      return true;
     case 0x0F: // def_cfa_expression
       row_.cfaIsExpression = true;
       code.skip(code.unsignedLeb());
@@ -234,9 +273,14 @@ private:
       defineCfa(reg, code.signedLeb() * common_.dataAlignment);
       return true;
     }
-    case 0x13: row_.cfaOffset = code.signedLeb() * common_.dataAlignment; return true;
-    case 0x2E: code.unsignedLeb(); return true; // the size of arguments: nothing to unwinding
-    default: return false;
+    case 0x13:
+      row_.cfaOffset = code.signedLeb() * common_.dataAlignment;
+      return true;
+    case 0x2E:
+      code.unsignedLeb();
+      return true; // the size of arguments: nothing to unwinding
+    default:
+      return false;
     }
   }
 
@@ -286,11 +330,20 @@ bool readCommon(const std::uint8_t* record, Common& common) {
   cursor.skip(dataLength);
   for (std::uint32_t i = 1; i < length; ++i) {
     switch (augmentation[i]) {
-    case 'R': common.addressEncoding = data.read<std::uint8_t>(); break;
-    case 'L': data.read<std::uint8_t>(); break;
-    case 'P': data.encoded(data.read<std::uint8_t>(), true); break;
-    case 'S': common.signalFrame = true; break;
-    default: return false;
+    case 'R':
+      common.addressEncoding = data.read<std::uint8_t>();
+      break;
+    case 'L':
+      data.read<std::uint8_t>();
+      break;
+    case 'P':
+      data.encoded(data.read<std::uint8_t>(), true);
+      break;
+    case 'S':
+      common.signalFrame = true;
+      break;
+    default:
+      return false;
     }
   }
   common.instructions = cursor;
@@ -299,7 +352,8 @@ bool readCommon(const std::uint8_t* record, Common& common) {
 
 // The record for an address in the sorted index of a module; null when there is none.
 const std::uint8_t* findRecord(const std::uint8_t* header, std::uint64_t address) {
-  if (header[0] != 1 || header[1] == kOmitted || header[2] != kUnsigned4 || header[3] != (kFromTable | kSigned4)) {
+  if (header[0] != 1 || header[1] == kOmitted || header[2] != kUnsigned4 ||
+      header[3] != (kFromTable | kSigned4)) {
     return nullptr;
   }
   Cursor cursor(header + 4, 64);
@@ -330,7 +384,8 @@ FrameRule ruleOf(const Row& row) {
   const bool usualCfa = !row.cfaIsExpression && fits(row.cfaOffset) &&
                         (row.cfaRegister == kStackPointer || row.cfaRegister == kFramePointer);
   const Place& saved = row.framePointer;
-  const bool usualSave = saved.saved == Saved::kUntouched || (saved.saved == Saved::kAtOffset && fits(saved.offset));
+  const bool usualSave =
+      saved.saved == Saved::kUntouched || (saved.saved == Saved::kAtOffset && fits(saved.offset));
   if (!usualReturn || !usualCfa || !usualSave) return kOther;
   return {row.cfaRegister == kStackPointer ? FrameKind::kStackPointer : FrameKind::kFramePointer,
           saved.saved == Saved::kAtOffset, static_cast<std::int32_t>(row.cfaOffset),
@@ -343,7 +398,8 @@ FrameRule readFrameRule(std::uint64_t returnAddress) {
   constexpr FrameRule kOther = {FrameKind::kOther, false, 0, 0};
   const std::uint64_t call = returnAddress - 1;
   dl_find_object object;
-  if (_dl_find_object(reinterpret_cast<void*>(call), &object) != 0 || object.dlfo_eh_frame == nullptr) return kOther;
+  if (_dl_find_object(reinterpret_cast<void*>(call), &object) != 0 || object.dlfo_eh_frame == nullptr)
+    return kOther;
   const std::uint8_t* record = findRecord(static_cast<const std::uint8_t*>(object.dlfo_eh_frame), call);
   Cursor cursor(nullptr, 0);
   if (record == nullptr || !openRecord(record, cursor)) return kOther;
@@ -351,7 +407,8 @@ FrameRule readFrameRule(std::uint64_t returnAddress) {
   const std::uint8_t* idPosition = cursor.position();
   const auto commonDistance = cursor.read<std::uint32_t>();
   Common common;
-  if (commonDistance == 0 || !readCommon(idPosition - commonDistance, common) || common.signalFrame) return kOther;
+  if (commonDistance == 0 || !readCommon(idPosition - commonDistance, common) || common.signalFrame)
+    return kOther;
   const std::uint64_t start = cursor.encoded(common.addressEncoding);
   const std::uint64_t length = cursor.encoded(common.addressEncoding, true);
   if (common.hasAugmentationData) cursor.skip(cursor.unsignedLeb());

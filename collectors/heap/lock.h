@@ -1,7 +1,7 @@
 // The collector's lock: one word, one locked instruction to take it, none to let it go.
 //
-// Not recursive and without an owner: a thread that holds one is marked as inside the collector, so no event of its own can
-// reach the lock a second time. Where two are held, the stacks' comes before the accounts'.
+// Not recursive and without an owner: a thread that holds one is marked as inside the collector, so no event
+// of its own can reach the lock a second time. Where two are held, the stacks' comes before the accounts'.
 #pragma once
 
 #include <atomic>
@@ -23,8 +23,10 @@ private:
     constexpr int kSpins = 200;
     do {
       for (int spin = 0; word_.load(std::memory_order_relaxed) != 0; ++spin) {
-        if (spin < kSpins) __builtin_ia32_pause();
-        else __VeskYield();
+        if (spin < kSpins)
+          __builtin_ia32_pause();
+        else
+          __VeskYield();
       }
     } while (word_.exchange(1, std::memory_order_acquire) != 0);
   }

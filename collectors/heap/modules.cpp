@@ -12,7 +12,8 @@ namespace {
 constinit std::uint32_t category = 0;
 
 // A growing array of modules, or of their indices.
-template <class T> struct List {
+template <class T>
+struct List {
   T* items = nullptr;
   std::uint32_t count = 0;
   std::uint32_t capacity = 0;
@@ -32,7 +33,8 @@ template <class T> struct List {
 private:
   void grow() {
     capacity = capacity == 0 ? 64 : 2 * capacity;
-    auto* bigger = static_cast<T*>(__VeskMalloc(category, static_cast<std::uint32_t>(capacity * sizeof(T)), 0));
+    auto* bigger =
+        static_cast<T*>(__VeskMalloc(category, static_cast<std::uint32_t>(capacity * sizeof(T)), 0));
     std::copy(items, items + count, bigger);
     __VeskFree(items);
     items = bigger;
@@ -85,8 +87,9 @@ std::uint32_t returned(const Module& arrived) {
   if (arrived.buildId[0] == '\0') return kNoModule;
   for (std::uint32_t i = all.count; i-- > 0;) {
     const Module& known = *all.items[i];
-    if (known.unloaded && known.base == arrived.base && known.start == arrived.start && known.end == arrived.end &&
-        std::strcmp(known.buildId, arrived.buildId) == 0 && std::strcmp(known.path, arrived.path) == 0) {
+    if (known.unloaded && known.base == arrived.base && known.start == arrived.start &&
+        known.end == arrived.end && std::strcmp(known.buildId, arrived.buildId) == 0 &&
+        std::strcmp(known.path, arrived.path) == 0) {
       return i;
     }
   }
@@ -109,8 +112,12 @@ bool addModule(const VeskHostModule& module) {
   for (; position < present.count && moduleOf(position).start < module.end; changed = true) unload(position);
 
   auto* arrived = static_cast<Module*>(__VeskMalloc(category, sizeof(Module), 0));
-  *arrived = {copyPath(module.path), hexadecimal(module.buildId, module.buildIdSize), module.base, module.start,
-              module.end,            false};
+  *arrived = {copyPath(module.path),
+              hexadecimal(module.buildId, module.buildIdSize),
+              module.base,
+              module.start,
+              module.end,
+              false};
   std::uint32_t index = returned(*arrived);
   if (index == kNoModule) {
     index = all.count;

@@ -1,7 +1,7 @@
 // The modules that the program has, or had, in its address space.
 //
-// A module that goes stays known: stacks that lead through it were resolved when they were first seen. Everything here is
-// called under the stacks' lock.
+// A module that goes stays known: stacks that lead through it were resolved when they were first seen.
+// Everything here is called under the stacks' lock.
 #pragma once
 
 #include <cstdint>
@@ -23,8 +23,8 @@ inline constexpr std::uint32_t kNoModule = ~std::uint32_t{0};
 
 void startModules(std::uint32_t category);
 
-// Both say whether `unloaded` of a module has changed: one goes; one lies where a new one now is; or one is back, at its old
-// place and with its old build id, and is the same module again.
+// Both say whether `unloaded` of a module has changed: one goes; one lies where a new one now is; or one is
+// back, at its old place and with its old build id, and is the same module again.
 bool addModule(const VeskHostModule& module);
 bool retireModule(const VeskHostModule& module);
 

@@ -8,7 +8,8 @@ namespace heap {
 
 namespace {
 
-template <class T> T* newArray(std::uint32_t category, std::uint32_t count) {
+template <class T>
+T* newArray(std::uint32_t category, std::uint32_t count) {
   return static_cast<T*>(__VeskMalloc(category, static_cast<std::uint32_t>(count * sizeof(T)), 0));
 }
 
@@ -17,9 +18,8 @@ void copySites(Report& report, const StillStacks& stacks, const StillAccounts& a
   for (std::uint32_t id = 1; id <= stacks.count(); ++id) {
     const Site& site = siteById(id);
     if (site.calls == 0) continue;
-    report.sites[report.siteCount++] = {site.stack,     site.calls,
-                                        site.allocatedBytes, site.liveBlocks,
-                                        site.liveBytes, accounts.peakBytes(site),
+    report.sites[report.siteCount++] = {site.stack,      site.calls,     site.allocatedBytes,
+                                        site.liveBlocks, site.liveBytes, accounts.peakBytes(site),
                                         site.temporary};
   }
 }
@@ -30,8 +30,8 @@ void copySamples(Report& report, const StillAccounts& accounts) {
   if (report.sampleMilliseconds == 0) return;
   report.sampleCount = accounts.sampleCount();
   std::copy(accounts.samples(), accounts.samples() + report.sampleCount, report.samples);
-  report.samples[report.sampleCount++] = {report.milliseconds, report.totals.liveBytes, report.totals.liveBlocks,
-                                          report.totals.calls};
+  report.samples[report.sampleCount++] = {report.milliseconds, report.totals.liveBytes,
+                                          report.totals.liveBlocks, report.totals.calls};
 }
 
 } // namespace

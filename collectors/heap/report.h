@@ -1,4 +1,5 @@
-// What was counted, as it stood at one moment: copied out, so that it can be ordered and written while the program goes on.
+// What was counted, as it stood at one moment: copied out, so that it can be ordered and written while the
+// program goes on.
 #pragma once
 
 #include <cstdint>

@@ -20,8 +20,9 @@ namespace heap {
 namespace {
 
 constexpr char kRoot[] = "heapProfile";
-constexpr const char* kFunctionNames[] = {"malloc",         "calloc",        "realloc",  "reallocarray", "free",
-                                          "posix_memalign", "aligned_alloc", "memalign", "valloc",       "pvalloc"};
+constexpr const char* kFunctionNames[] = {"malloc", "calloc",         "realloc",       "reallocarray",
+                                          "free",   "posix_memalign", "aligned_alloc", "memalign",
+                                          "valloc", "pvalloc"};
 static_assert(sizeof kFunctionNames / sizeof kFunctionNames[0] == kHeapFunctions);
 
 using PartName = Text<PATH_MAX + 32>;
@@ -37,7 +38,8 @@ std::uint32_t continuationBytes(unsigned char lead) {
   return 0;
 }
 
-// Bytes of the character at `text`; 0 when it is one that the file cannot hold: a control character or no UTF-8.
+// Bytes of the character at `text`; 0 when it is one that the file cannot hold: a control character or no
+// UTF-8.
 std::uint32_t characterLength(const char* text) {
   const auto byte = [text](std::uint32_t i) { return static_cast<unsigned char>(text[i]); };
   if (byte(0) < 0x80) return byte(0) >= 0x20 || byte(0) == '\t' ? 1 : 0;
@@ -56,8 +58,10 @@ void writePath(VeskXMLFile* file, const char* element, const char* path) {
   Path clean;
   while (*path != '\0') {
     const std::uint32_t length = characterLength(path);
-    if (length == 0) clean.append("?");
-    else clean.append("%.*s", static_cast<int>(length), path);
+    if (length == 0)
+      clean.append("?");
+    else
+      clean.append("%.*s", static_cast<int>(length), path);
     path += length == 0 ? 1 : length;
   }
   __VeskXMLWriteStringElement(file, element, clean.text());
@@ -88,8 +92,8 @@ constexpr std::uint64_t kNoModuleKey = 0xFFFF;
 class Frames {
 public:
   explicit Frames(std::uint32_t category)
-      : table_(__VeskCreateHashTable(VESK_HASH_TABLE_UNLOCKED | VESK_HASH_TABLE_1024_BUCKETS, kFunctions, 1, nullptr,
-                                     nullptr, category, 0)) {}
+      : table_(__VeskCreateHashTable(VESK_HASH_TABLE_UNLOCKED | VESK_HASH_TABLE_1024_BUCKETS, kFunctions, 1,
+                                     nullptr, nullptr, category, 0)) {}
   ~Frames() { __VeskDestroyHashTable(table_, nullptr); }
   Frames(const Frames&) = delete;
   Frames& operator=(const Frames&) = delete;
@@ -118,7 +122,9 @@ public:
   }
 
 private:
-  static std::uint64_t hash(VeskHashTable* /*table*/, std::uint64_t key) { return key * 0x9E3779B97F4A7C15u >> 32; }
+  static std::uint64_t hash(VeskHashTable* /*table*/, std::uint64_t key) {
+    return key * 0x9E3779B97F4A7C15u >> 32;
+  }
   static constexpr VeskHashFunction kFunctions[] = {hash};
 
   VeskHashTable* table_;
@@ -129,10 +135,14 @@ private:
 
 const char* nameOf(VeskProcessEnd how) {
   switch (how) {
-  case VESK_END_EXIT: return "exit";
-  case VESK_END_QUICK: return "quick exit";
-  case VESK_END_EXEC: return "exec";
-  case VESK_END_FATAL: return "fatal";
+  case VESK_END_EXIT:
+    return "exit";
+  case VESK_END_QUICK:
+    return "quick exit";
+  case VESK_END_EXEC:
+    return "exec";
+  case VESK_END_FATAL:
+    return "fatal";
   }
   return "unknown";
 }
@@ -282,8 +292,8 @@ bool endsWhole(const char* path) {
   char end[kLength];
   const int descriptor = open(path, O_RDONLY | O_CLOEXEC);
   if (descriptor < 0) return false;
-  const bool whole = lseek(descriptor, -kLength, SEEK_END) >= 0 && read(descriptor, end, kLength) == kLength &&
-                     std::memcmp(end, kEnd, kLength) == 0;
+  const bool whole = lseek(descriptor, -kLength, SEEK_END) >= 0 &&
+                     read(descriptor, end, kLength) == kLength && std::memcmp(end, kEnd, kLength) == 0;
   close(descriptor);
   return whole;
 }

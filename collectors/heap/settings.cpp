@@ -42,9 +42,12 @@ struct Rule {
 };
 
 constexpr Rule kRules[] = {
-    {"-out", Kind::kPath, 0, 0},           {"-log", Kind::kPath, 0, 0},
-    {"-depth", Kind::kInteger, 1, kMaxDepth}, {"-top", Kind::kInteger, 0, 1000},
-    {"-timeline", Kind::kInteger, 0, 3'600'000}, {"-follow", Kind::kBoolean, 0, 0},
+    {"-out", Kind::kPath, 0, 0},
+    {"-log", Kind::kPath, 0, 0},
+    {"-depth", Kind::kInteger, 1, kMaxDepth},
+    {"-top", Kind::kInteger, 0, 1000},
+    {"-timeline", Kind::kInteger, 0, 3'600'000},
+    {"-follow", Kind::kBoolean, 0, 0},
     {"-help", Kind::kBoolean, 0, 0},
 };
 
@@ -55,7 +58,8 @@ void registerOptions() {
   options.log = __VeskRegisterPathOption(parser, "-log", "log file", "veskheap.PID.log", 0, 0, 1);
   options.depth =
       __VeskRegisterIntegerOption(parser, "-depth", "frames of a call stack, 1 to 25", kMaxDepth, 0, 1);
-  options.top = __VeskRegisterIntegerOption(parser, "-top", "rows of the table at the end, 0 to 1000", kDefaultTop, 0, 1);
+  options.top = __VeskRegisterIntegerOption(parser, "-top", "rows of the table at the end, 0 to 1000",
+                                            kDefaultTop, 0, 1);
   options.timeline = __VeskRegisterIntegerOption(
       parser, "-timeline", "milliseconds between samples over time, 0 for none", kDefaultTimeline, 0, 1);
   options.follow = __VeskRegisterBooleanOption(parser, "-follow", "watch the program's children, too",
@@ -85,8 +89,8 @@ bool acceptValue(const Rule& rule, const char* value) {
     return false;
   }
   if (rule.kind == Kind::kInteger && !isInteger(value, rule.least, rule.most)) {
-    tell("option %s takes a number from %ld to %ld, not '%s' (-help lists the options)", rule.name, rule.least,
-         rule.most, value);
+    tell("option %s takes a number from %ld to %ld, not '%s' (-help lists the options)", rule.name,
+         rule.least, rule.most, value);
     return false;
   }
   if (rule.kind == Kind::kPath && (value[0] == '\0' || std::strlen(value) > PATH_MAX / 2)) {
@@ -134,7 +138,8 @@ std::uint32_t integerOption(std::uint32_t option) {
 }
 
 void readPath(Path& path, std::uint32_t option) {
-  if (__VeskIsOptionSet(options.parser, option)) path.append("%s", __VeskGetPathOptionValue(options.parser, option));
+  if (__VeskIsOptionSet(options.parser, option))
+    path.append("%s", __VeskGetPathOptionValue(options.parser, option));
 }
 
 bool readDirectory(Path& directory) {
@@ -200,10 +205,14 @@ Parsed readSettings(Settings& settings, std::uint32_t argc, const char* const* a
 void nameFiles(Files& files, const Settings& settings) {
   files.result.clear();
   files.log.clear();
-  if (settings.out.length() != 0) nameGiven(files.result, settings, settings.out);
-  else files.result.append("%sveskheap.%d.xml", settings.directory.text(), __VeskGetPid());
-  if (settings.log.length() != 0) nameGiven(files.log, settings, settings.log);
-  else nameLogBeside(files.log, files.result);
+  if (settings.out.length() != 0)
+    nameGiven(files.result, settings, settings.out);
+  else
+    files.result.append("%sveskheap.%d.xml", settings.directory.text(), __VeskGetPid());
+  if (settings.log.length() != 0)
+    nameGiven(files.log, settings, settings.log);
+  else
+    nameLogBeside(files.log, files.result);
 }
 
 void nameBeforeExec(Path& path, const Path& result) {

@@ -16,7 +16,7 @@ namespace {
 constexpr std::uint32_t kSitesInChunk = 256;
 constexpr std::uint32_t kSiteIds = 1u << kSiteBits;
 
-constinit Lock lock; // all of the below; a site's figures are the accounts'
+constinit Lock lock;                      // all of the below; a site's figures are the accounts'
 constinit VeskHashTable* table = nullptr; // by content: the key of a stack is its address
 constinit StackCategories categories{};
 constinit ThreadState* idleThreads = nullptr;
@@ -93,7 +93,8 @@ Stack& makeStack(std::uint64_t hash, const Trace& trace) {
   Holding hold(lock);
   void* found = __VeskLookupHashTable(table, reinterpret_cast<std::uint64_t>(&searched));
   if (found != nullptr) return *static_cast<Stack*>(found);
-  if (count == kSiteIds - 1) [[unlikely]] return *siteById(1).stack;
+  if (count == kSiteIds - 1) [[unlikely]]
+    return *siteById(1).stack;
   Stack& stack = makeStack(hash, trace);
   __VeskInsertHashTableEntry(table, reinterpret_cast<std::uint64_t>(&stack), &stack);
   return stack;
@@ -117,7 +118,8 @@ void updateRetired() {
 
 Stack& findStack(const Trace& trace, ThreadState* thread) {
   const std::uint64_t hash = hashOf(trace);
-  if (thread == nullptr) [[unlikely]] return findShared(hash, trace);
+  if (thread == nullptr) [[unlikely]]
+    return findShared(hash, trace);
   Stack*& cached = thread->cached[hash % ThreadState::kCached];
   if (cached != nullptr && sameFrames(*cached, hash, trace) &&
       !cached->retired.load(std::memory_order_relaxed)) [[likely]] {
@@ -134,8 +136,9 @@ Site& siteOf(const Stack& stack) { return siteById(stack.id); }
 void startStacks(const StackCategories& stackCategories) {
   categories = stackCategories;
   const VeskHashFunction functions[] = {tableHash};
-  table = __VeskCreateHashTable(VESK_HASH_TABLE_UNLOCKED | VESK_HASH_TABLE_COMPARE_KEYS | VESK_HASH_TABLE_1024_BUCKETS, functions, 1,
-                                tableCompare, nullptr, categories.stacks, 0);
+  table = __VeskCreateHashTable(VESK_HASH_TABLE_UNLOCKED | VESK_HASH_TABLE_COMPARE_KEYS |
+                                    VESK_HASH_TABLE_1024_BUCKETS,
+                                functions, 1, tableCompare, nullptr, categories.stacks, 0);
   // The first is the stack without frames: it takes what comes when all ids are out.
   Trace none;
   none.depth = 0;

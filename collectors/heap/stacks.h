@@ -1,8 +1,9 @@
 // The call stacks, each once, and the site that belongs to each.
 //
-// A stack is found by its frames: first in a small cache of the thread, which takes no lock; then in one table for all. Its
-// frames are resolved to modules when it is first seen. When a module goes, the stacks that lead through it are retired: they
-// keep what was counted, and the same addresses make a new stack, until the very same module is back at its place.
+// A stack is found by its frames: first in a small cache of the thread, which takes no lock; then in one
+// table for all. Its frames are resolved to modules when it is first seen. When a module goes, the stacks
+// that lead through it are retired: they keep what was counted, and the same addresses make a new stack,
+// until the very same module is back at its place.
 #pragma once
 
 #include <atomic>

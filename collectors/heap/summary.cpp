@@ -137,8 +137,10 @@ Place placeOf(const Stack& stack, std::uint32_t frame, Symbols& symbols) {
 
 void appendPlace(Line& line, const Place& place) {
   const auto offset = static_cast<unsigned long long>(place.offset);
-  if (place.module == nullptr) line.append("0x%llx", offset);
-  else if (place.function == nullptr) line.append("%.80s+0x%llx", baseName(place.module->path), offset);
+  if (place.module == nullptr)
+    line.append("0x%llx", offset);
+  else if (place.function == nullptr)
+    line.append("%.80s+0x%llx", baseName(place.module->path), offset);
   else {
     const bool cut = std::strlen(place.function) > kNameShown;
     line.append("%.*s%s (%.80s)", static_cast<int>(kNameShown), place.function, cut ? "..." : "",

@@ -29,7 +29,8 @@ SymbolFile::~SymbolFile() {
   if (bytes_ != nullptr) munmap(const_cast<std::byte*>(bytes_), size_);
 }
 
-template <class T> const T* SymbolFile::at(std::uint64_t offset, std::uint64_t count) const {
+template <class T>
+const T* SymbolFile::at(std::uint64_t offset, std::uint64_t count) const {
   if (offset > size_ || offset % alignof(T) != 0 || count > (size_ - offset) / sizeof(T)) return nullptr;
   return reinterpret_cast<const T*>(bytes_ + offset);
 }
@@ -54,7 +55,8 @@ const char* SymbolFile::findIn(std::uint32_t sectionType, std::uint64_t address)
     const auto* symbols = at<Elf64_Sym>(section.sh_offset, count);
     const Elf64_Shdr& names = sections[section.sh_link];
     const char* texts = at<char>(names.sh_offset, names.sh_size);
-    if (symbols == nullptr || texts == nullptr || names.sh_size == 0 || texts[names.sh_size - 1] != '\0') continue;
+    if (symbols == nullptr || texts == nullptr || names.sh_size == 0 || texts[names.sh_size - 1] != '\0')
+      continue;
     for (std::uint64_t k = 0; k < count; ++k) {
       const Elf64_Sym& symbol = symbols[k];
       const std::uint32_t type = ELF64_ST_TYPE(symbol.st_info);

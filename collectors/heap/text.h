@@ -8,7 +8,8 @@
 
 namespace heap {
 
-template <std::uint32_t Size> class Text {
+template <std::uint32_t Size>
+class Text {
 public:
   void append(const char* format, ...) VESK_PRINTF(2, 3) {
     va_list arguments;

@@ -70,8 +70,10 @@ static void* threadMain(void* argument) {
   const int self = (int)(intptr_t)argument;
   for (int i = 0; i < ROUNDS; ++i) {
     void* block = malloc(48);
-    if (i % 10 != 0) block = __atomic_exchange_n(&mailbox[(self + 1) % THREADS], block, __ATOMIC_ACQ_REL);
-    else block = NULL;
+    if (i % 10 != 0)
+      block = __atomic_exchange_n(&mailbox[(self + 1) % THREADS], block, __ATOMIC_ACQ_REL);
+    else
+      block = NULL;
     free(block);
   }
   return NULL;
@@ -107,8 +109,10 @@ NOINLINE static void allocateIn(const char* path, size_t bytes) {
 }
 
 NOINLINE static void descend(int depth) {
-  if (depth == 0) keep(malloc(11));
-  else descend(depth - 1);
+  if (depth == 0)
+    keep(malloc(11));
+  else
+    descend(depth - 1);
   __asm__ volatile("" ::: "memory");
 }
 
@@ -136,16 +140,22 @@ static void onSignal(int number) { keep(malloc(13)); }
 
 int main(int argc, char** argv) {
   const char* what = argv[1];
-  if (strcmp(what, "known") == 0) known();
-  else if (strcmp(what, "threads") == 0) threads();
-  else if (strcmp(what, "busy") == 0) busy();
+  if (strcmp(what, "known") == 0)
+    known();
+  else if (strcmp(what, "threads") == 0)
+    threads();
+  else if (strcmp(what, "busy") == 0)
+    busy();
   else if (strcmp(what, "modules") == 0) {
     allocateIn(argv[2], 1001);
     allocateIn(argv[3], 2002);
     allocateIn(argv[2], 3003);
-  } else if (strcmp(what, "deep") == 0) descend(60);
-  else if (strcmp(what, "slowly") == 0) slowly();
-  else if (strcmp(what, "fork") == 0) childAllocates();
+  } else if (strcmp(what, "deep") == 0)
+    descend(60);
+  else if (strcmp(what, "slowly") == 0)
+    slowly();
+  else if (strcmp(what, "fork") == 0)
+    childAllocates();
   else if (strcmp(what, "exec") == 0) {
     keep(malloc(900));
     execl(argv[0], argv[0], "known", (char*)NULL);

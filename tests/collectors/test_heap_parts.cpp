@@ -1,14 +1,20 @@
 // The collector's bookkeeping against a plain model of it.
 #include <algorithm>
+#include <csignal>
+#include <cstdlib>
 #include <iterator>
 #include <map>
 #include <random>
 #include <thread>
 #include <vector>
 
+#include <alloca.h>
 #include <gtest/gtest.h>
+#define UNW_LOCAL_ONLY
+#include <libunwind.h>
 
 #include "collectors/heap/accounts.h"
+#include "collectors/heap/backtrace.h"
 #include "collectors/heap/blocks.h"
 #include "support/test_host.h"
 #include "veskrt/memory.h"
@@ -43,7 +49,8 @@ TEST(HeapBlocks, HoldWhatAMapHolds) {
     } else {
       ASSERT_EQ(heap::takeBlock(at(address)), 0u);
       const int shift = static_cast<int>(random() % 64);
-      const Block block = {static_cast<std::uint32_t>(random() % ((1u << heap::kSiteBits) - 1)) + 1, random() >> shift};
+      const Block block = {static_cast<std::uint32_t>(random() % ((1u << heap::kSiteBits) - 1)) + 1,
+                           random() >> shift};
       ASSERT_EQ(heap::putBlock(at(address), block), 0u);
       model.emplace(address, block);
     }
@@ -64,7 +71,8 @@ TEST(HeapBlocks, ThreadsKeepTheirOwn) {
   for (std::uint32_t self = 1; self <= 4; ++self) {
     threads.emplace_back([self, &wrong] {
       for (std::uint64_t i = 0; i < 20'000; ++i) {
-        const std::uint64_t address = 0x500000000000 + (i % 700 * 4 + self) * 16; // interleaved with the others'
+        const std::uint64_t address =
+            0x500000000000 + (i % 700 * 4 + self) * 16; // interleaved with the others'
         heap::putBlock(at(address), {self, i});
         const Block block = heap::openBlock(heap::takeBlock(at(address)));
         if (block.site != self || block.bytes != i) ++wrong;
@@ -124,6 +132,68 @@ TEST(HeapAccounts, EverySiteKnowsItsShareOfThePeak) {
     ASSERT_EQ(still.totals().liveBytes, live);
     for (std::size_t i = 0; i < kSites; ++i) ASSERT_EQ(still.peakBytes(sites[i]), modelPeak[i]) << step;
   }
+}
+
+// ---- Back-traces: every frame as libunwind, which knows all rules, has it ----
+
+int compared = 0;
+
+[[gnu::noinline]] void compareWithUnwinder() {
+  const void* caller = __builtin_return_address(0);
+  heap::Trace trace;
+  heap::captureBacktrace(trace, caller, heap::kMaxDepth);
+  unw_context_t context;
+  unw_cursor_t cursor;
+  unw_word_t ip = 0;
+  unw_getcontext(&context);
+  unw_init_local(&cursor, &context);
+  do ASSERT_GT(unw_step(&cursor), 0);
+  while (unw_get_reg(&cursor, UNW_REG_IP, &ip) == 0 && ip != reinterpret_cast<unw_word_t>(caller));
+  for (std::uint32_t i = 0; i < trace.depth; ++i) {
+    unw_get_reg(&cursor, UNW_REG_IP, &ip);
+    ASSERT_EQ(trace.frames[i], reinterpret_cast<const void*>(ip)) << "frame " << i;
+    if (i + 1 < trace.depth) {
+      ASSERT_GT(unw_step(&cursor), 0);
+    }
+  }
+  EXPECT_EQ(trace.cut, trace.depth == heap::kMaxDepth && unw_step(&cursor) > 0);
+  ++compared;
+}
+
+int compareInSort(const void* left, const void* right) {
+  compareWithUnwinder();
+  return *static_cast<const int*>(left) - *static_cast<const int*>(right);
+}
+
+[[gnu::noinline]] void descend(int depth) {
+  compareWithUnwinder();
+  if (depth == 0) {
+    int numbers[] = {3, 1, 2};
+    std::qsort(numbers, 3, sizeof(int), compareInSort);
+    std::raise(SIGUSR1);
+    return;
+  }
+  if (depth % 3 == 0) { // a frame of a size that only the frame pointer knows
+    auto* room = static_cast<volatile char*>(alloca(static_cast<std::size_t>(depth) * 40));
+    room[0] = 1;
+    descend(depth - 1);
+    room[0] = 2;
+  } else if (depth % 3 == 1) { // a frame that is aligned by hand
+    alignas(256) volatile char room[256];
+    room[0] = 1;
+    descend(depth - room[0]);
+  } else {
+    descend(depth - 1);
+  }
+  compareWithUnwinder();
+}
+
+TEST(HeapBacktraces, AgreeWithAFullUnwinder) {
+  std::signal(SIGUSR1, [](int) { compareWithUnwinder(); });
+  descend(40);
+  heap::forgetCode();
+  std::thread([] { descend(10); }).join();
+  EXPECT_GT(compared, 100);
 }
 
 } // namespace

@@ -177,7 +177,7 @@ constexpr HeapCommand kHeapCommands[] = {
     {"resume", VESK_HEAP_COMMAND_RESUME, "Count again"},
 };
 
-int run(CLI::App& app, int argc, char** argv) {
+int parseAndRun(CLI::App& app, int argc, char** argv) {
   std::string directory;
   double timeout = kDefaultTimeout;
   app.add_option("DIRECTORY", directory, "Where the collector has its channel");
@@ -216,13 +216,22 @@ int run(CLI::App& app, int argc, char** argv) {
   return send(directory, batch, timeout);
 }
 
+int run(int argc, char** argv) {
+  CLI::App app("Sends commands to the collector of a running program.", "veskctl");
+  try {
+    return parseAndRun(app, argc, argv);
+  } catch (const CLI::ParseError& error) {
+    return app.exit(error) == 0 ? kDone : kUsage;
+  }
+}
+
 } // namespace
 
 int main(int argc, char** argv) {
-  CLI::App app("Sends commands to the collector of a running program.", "veskctl");
   try {
-    return run(app, argc, argv);
-  } catch (const CLI::ParseError& error) {
-    return app.exit(error) == 0 ? kDone : kUsage;
+    return run(argc, argv);
+  } catch (const std::exception& error) {
+    std::fprintf(stderr, "veskctl: %s\n", error.what());
+    return kFailure;
   }
 }

@@ -1,83 +1,192 @@
-// A collector with a command channel in a process of its own, and what keeps tests from leaving System V
-// objects behind.
+// A collector with a command channel in a process of its own, and numbered commands to send to it.
 #pragma once
 
 #include <atomic>
-#include <cstdint>
+#include <csignal>
+#include <filesystem>
+#include <fstream>
 #include <functional>
-#include <string>
+#include <vector>
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sys/types.h>
+#include <sys/mman.h>
+#include <sys/prctl.h>
+#include <sys/sem.h>
+#include <sys/shm.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include "command_channel.h"
+#include "veskhost.h"
 
 namespace test {
 
-// Removes, when it or its process ends in whatever way, the objects that lock files below the working
-// directory lead to.
-class ChannelGuard {
-public:
-  ChannelGuard();
-  ~ChannelGuard();
-  // For a test that deletes lock files: these are found already now.
-  void remember();
+// What a child exits with; 128 + the signal that it died of.
+inline int statusOf(pid_t child) {
+  int status = 0;
+  waitpid(child, &status, 0);
+  return WIFSIGNALED(status) ? 128 + WTERMSIG(status) : WEXITSTATUS(status);
+}
 
-private:
-  int pipe_ = -1;
-  pid_t process_ = 0;
-};
+// Forks a process that dies with this one.
+inline pid_t forkHelper(const std::function<void()>& body) {
+  const pid_t process = fork();
+  if (process != 0) return process;
+  prctl(PR_SET_PDEATHSIG, SIGKILL);
+  body();
+  _exit(0);
+}
 
+inline void await(const std::function<bool()>& condition) {
+  while (!condition()) usleep(200);
+}
+
+// However its process ends, no System V object of a channel below the working directory outlives it: a second
+// process waits for its end, and removes what lock files lead to.
 class ChannelTest : public testing::Test {
 protected:
-  ChannelGuard guard;
+  ChannelTest() {
+    int ends[2];
+    if (pipe2(ends, O_CLOEXEC) != 0) std::abort();
+    sweeper_ = fork();
+    close(ends[sweeper_ == 0 ? 1 : 0]);
+    pipe_ = ends[1];
+    if (sweeper_ != 0) return;
+    setpgid(0, 0); // what ends the test's process group must not end this
+    char byte;
+    while (read(ends[0], &byte, 1) > 0) {
+    }
+    for (const auto& each : std::filesystem::recursive_directory_iterator(".")) {
+      VeskCommandLockFile names{-1, -1};
+      if (each.path().filename() != VESK_COMMAND_LOCK_FILE) continue;
+      std::ifstream(each.path(), std::ios::binary).read(reinterpret_cast<char*>(&names), sizeof names);
+      shmctl(names.segmentIdentifier, IPC_RMID, nullptr);
+      semctl(semget(names.semaphoreKey, 1, 0), 0, IPC_RMID);
+    }
+    _exit(0);
+  }
+  ~ChannelTest() override {
+    close(pipe_);
+    statusOf(sweeper_);
+  }
+
+private:
+  int pipe_;
+  pid_t sweeper_;
 };
 
-// Forks; the child dies with its parent.
-pid_t forkHelper(const std::function<void()>& body);
+inline std::int32_t checksum(int code, int index, int size, const void* payload) {
+  std::uint32_t hash = static_cast<std::uint32_t>(code * 31 + index * 7 + size);
+  for (int i = 0; i < VESK_COMMAND_PAYLOAD_SIZE; ++i) {
+    hash = (hash ^ static_cast<const unsigned char*>(payload)[i]) * 16777619u;
+  }
+  return static_cast<std::int32_t>(hash);
+}
 
-// The status that a child exits with; 128 + the signal that it died of.
-int statusOf(pid_t child);
+// Commands with ascending codes; in the parameters index, size, checksum of the whole, sender (0 to 3).
+inline std::vector<veskctl::Command> numberedBatch(int firstCode, int size, int sender = 0) {
+  std::vector<veskctl::Command> batch(size);
+  for (int i = 0; i < size; ++i) {
+    std::string& payload = batch[i].payload;
+    for (int at = 0; at < VESK_COMMAND_PAYLOAD_SIZE; ++at)
+      payload += static_cast<char>((firstCode + i + at) | 1);
+    batch[i].code = firstCode + i;
+    batch[i].parameters = {i, size, checksum(firstCode + i, i, size, payload.data()), sender};
+  }
+  return batch;
+}
 
-// Waits as long as the test may run for something that has to come true.
-void await(const std::function<bool()>& condition);
-
-// A command that carries checksums of itself: number `code`, `index` of a batch of `size`.
-veskctl::Command numberedCommand(std::int32_t code, std::int32_t index, std::int32_t size);
-std::vector<veskctl::Command> numberedBatch(std::int32_t firstCode, std::int32_t size);
+inline veskctl::Outcome sendTo(veskctl::CommandChannel& channel, const std::vector<veskctl::Command>& batch) {
+  return channel.send(batch, veskctl::Deadline(std::chrono::seconds(60))).outcome;
+}
 
 struct Delivery {
-  std::int32_t code;
-  std::int32_t parameters[4];
-  bool intact; // checksums of numberedCommand agree, and the payload is terminated
+  int code, index, size, sender;
+  bool intact; // as numberedBatch has made it, and terminated
 };
 
-// Memory shared with forked processes.
+// What a callback has seen, in memory shared with forked processes.
 struct Journal {
   static constexpr std::size_t kCapacity = 1 << 18;
-  std::atomic<std::size_t> count{0};
-  std::atomic<bool> blocked{false}; // the callback waits while it is set
+  std::atomic<int> registered{-1};       // what registration returned
+  std::atomic<std::size_t> count{0};     // of deliveries
+  std::atomic<bool> blocked{false};      // the callback waits while it is set
+  std::atomic<int> next{1};              // for senders: a number not used yet
+  std::atomic<std::size_t> confirmed{0}; // by senders: batches that were reported as delivered
   Delivery deliveries[kCapacity];
-  std::atomic<std::int32_t> next{1}; // numbers for senders
-  std::atomic<std::size_t> confirmed{0};
+
+  static Journal& make() {
+    void* memory = mmap(nullptr, sizeof(Journal), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+    return *new (memory) Journal;
+  }
+
+  static void record(int code, int p1, int p2, int p3, int p4, unsigned char* payload, void* context) {
+    Journal& journal = *static_cast<Journal*>(context);
+    await([&] { return !journal.blocked; });
+    if (journal.count == kCapacity) std::abort();
+    const bool intact = payload != nullptr && p3 == checksum(code, p1, p2, payload) &&
+                        payload[VESK_COMMAND_PAYLOAD_SIZE] == 0;
+    journal.deliveries[journal.count] = {code, p1, p2, p4, intact};
+    ++journal.count;
+  }
+
+  // Every command intact, every batch whole, the codes of each sender ascending. Returns how many batches
+  // there are.
+  std::size_t checkedBatches() const {
+    std::size_t batches = 0;
+    int last[4] = {};
+    for (std::size_t at = 0; at < count; ++batches) {
+      const int size = deliveries[at].size;
+      for (int i = 0; i < size; ++i, ++at) {
+        const Delivery& each = deliveries[at];
+        int& before = last[each.sender & 3];
+        EXPECT_TRUE(at < count && each.intact && each.index == i && each.size == size) << at;
+        EXPECT_TRUE(i == 0 ? each.code > before : each.code == before + 1)
+            << each.code << " after " << before;
+        if (testing::Test::HasFailure()) return 0;
+        before = each.code;
+      }
+    }
+    return batches;
+  }
 };
 
 class CollectorProcess {
 public:
-  explicit CollectorProcess(int heartbeatSeconds = 0);
-  ~CollectorProcess();
-  // Has it shut down and unregister; returns its exit status, 0 if all was well.
-  int stop();
+  explicit CollectorProcess(int heartbeatSeconds = 0) {
+    int control[2];
+    if (pipe2(control, O_CLOEXEC) != 0) std::abort();
+    process = forkHelper([&] {
+      close(control[1]);
+      veskHostInstall();
+      journal.registered =
+          __VeskRegisterCommandHandlerWithHeartbeat("", Journal::record, &journal, heartbeatSeconds);
+      char byte;
+      if (read(control[0], &byte, 1) != 0) _exit(2);
+      __VeskShutdownCommandHandler();
+      __VeskUnregisterCommandHandler(VESKCMDHDLR_CLEAN_COMPLETE);
+    });
+    close(control[0]);
+    control_ = control[1];
+    await([&] { return journal.registered != -1; });
+    EXPECT_EQ(journal.registered, 1);
+  }
+  ~CollectorProcess() {
+    if (control_ != -1) stop();
+  }
+  // Has it take the channel down; 0 if all was well.
+  int stop() {
+    close(control_);
+    control_ = -1;
+    return statusOf(process);
+  }
 
+  Journal& journal = Journal::make();
   pid_t process = 0;
-  Journal& journal;
 
 private:
   int control_ = -1;
 };
-
-// A callback with a Journal as its context.
-void recordDelivery(int code, int p1, int p2, int p3, int p4, unsigned char* payload, void* journal);
-Journal& newJournal();
 
 } // namespace test

@@ -78,11 +78,9 @@ constinit std::uint32_t creationGuard = 0;
 // that thread back here, when the host watches what the C library allocates.
 constinit std::uint64_t creator = 0;
 
-std::uint64_t creatorIdentity() { return nativeThreadId() + 1; }
-
 class ScopedCreator {
 public:
-  ScopedCreator() noexcept { storeRelaxed(creator, creatorIdentity()); }
+  explicit ScopedCreator(std::uint64_t identity) noexcept { storeRelaxed(creator, identity); }
   ~ScopedCreator() { storeRelaxed(creator, 0); }
   ScopedCreator(const ScopedCreator&) = delete;
   ScopedCreator& operator=(const ScopedCreator&) = delete;
@@ -111,12 +109,13 @@ VeskXMLFile* openFirstLog(const char* path, bool append) {
 
 bool createLog(const char* source, const char* path, bool append, bool onlyIfNone) {
   if (source == nullptr || path == nullptr || loadAcquire(__veskRtStarted) == 0) return false;
-  if (loadRelaxed(creator) == creatorIdentity()) return false;
+  const std::uint64_t identity = nativeThreadId() + 1;
+  if (loadRelaxed(creator) == identity) return false;
   if (compareAndSwap(preparedForFork, 0, 1)) {
     pthread_atfork(holdLogForFork, releaseLogAfterFork, releaseLogAfterFork);
   }
   ScopedOnceGuard guard(creationGuard);
-  ScopedCreator mark;
+  ScopedCreator mark(identity);
   VeskXMLFile* const current = loadRelaxed(logFile);
   if (current != nullptr && onlyIfNone) return true;
   VeskXMLFile* const file =
@@ -138,16 +137,28 @@ bool createLog(const char* source, const char* path, bool append, bool onlyIfNon
 
 // ---- Records ----
 
-struct Timestamp {
-  char text[64];
-
-  Timestamp() noexcept {
-    const std::time_t now = std::time(nullptr);
-    std::tm local;
-    if (localtime_r(&now, &local) == nullptr || asctime_r(&local, text) == nullptr) text[0] = '\0';
-    for (std::size_t end = std::strlen(text); end > 1 && text[end - 1] <= ' ';) text[--end] = '\0';
+// The text of the second that was last asked for, which only the holder of the log touches. The C library
+// converts a time under a lock of its own: a child of fork must not find that one held by a thread of ours.
+class Clock {
+public:
+  const char* localTime(std::time_t second) noexcept {
+    if (second != second_) convert(second);
+    return text_;
   }
+
+private:
+  [[gnu::noinline]] void convert(std::time_t second) noexcept {
+    std::tm local;
+    if (localtime_r(&second, &local) == nullptr || asctime_r(&local, text_) == nullptr) text_[0] = '\0';
+    for (std::size_t end = std::strlen(text_); end > 1 && text_[end - 1] <= ' ';) text_[--end] = '\0';
+    second_ = second;
+  }
+
+  std::time_t second_ = -1;
+  char text_[64] = {};
 };
+
+constinit Clock logClock;
 
 // A number as text.
 struct Digits {
@@ -225,7 +236,7 @@ void writeArguments(VeskXMLFile* file, const char* const* names, Arguments argum
 }
 
 void writeMessage(VeskXMLFile* file, const LogMessageDefinition& type, std::uint32_t severity,
-                  bool suppressDisplay, const Timestamp& timestamp, Arguments arguments) {
+                  bool suppressDisplay, std::time_t time, Arguments arguments) {
   Digits id;
   __VeskXMLStartWritingOpeningTag(file, "msg");
   __VeskXMLWriteStringAttribute(file, "id", id.decimal(recordCounter++));
@@ -236,7 +247,7 @@ void writeMessage(VeskXMLFile* file, const LogMessageDefinition& type, std::uint
   __VeskXMLFinishWritingOpeningTag(file);
   __VeskXMLWriteStringElement(file, "type", type.type);
   __VeskXMLWriteStringElement(file, "severity", kSeverityWords[std::min(severity, VESKLOG_SEVERITY_INFO)]);
-  __VeskXMLWriteStringElement(file, "timestamp", timestamp.text);
+  __VeskXMLWriteStringElement(file, "timestamp", logClock.localTime(time));
   if ((type.flags & VESKLOG_FLAG_TEXT) != 0) {
     writeText(file, arguments);
   } else {
@@ -246,7 +257,7 @@ void writeMessage(VeskXMLFile* file, const LogMessageDefinition& type, std::uint
 }
 
 void writeRecord(std::uint32_t severity, std::uint32_t messageId, bool suppressDisplay, Arguments arguments) {
-  const Timestamp timestamp;
+  const std::time_t now = std::time(nullptr);
   if (loadAcquire(logFile) == nullptr && !createLog(kOwnName, kDefaultPath, false, true)) return;
   ScopedLog log;
   // Only a signal handler, or a host that watches the C library, gets here while its own thread writes a
@@ -257,7 +268,7 @@ void writeRecord(std::uint32_t severity, std::uint32_t messageId, bool suppressD
       (type->flags & VESKLOG_FLAG_COMMENT_ONLY) != 0) {
     writeText(log.file(), arguments);
   } else {
-    writeMessage(log.file(), *type, severity, suppressDisplay, timestamp, arguments);
+    writeMessage(log.file(), *type, severity, suppressDisplay, now, arguments);
   }
 }
 

@@ -164,7 +164,7 @@ std::size_t collapseDashes(char* text) {
 }
 
 std::string_view formatComment(VeskXMLFile& file, const char* format, va_list arguments) {
-  if (format == nullptr || std::vsnprintf(file.scratch, kCommentLimit, format, arguments) < 0) return {};
+  if (format == nullptr || std::vsnprintf(file.scratch, kCommentLimit, format, arguments) < 0) return "";
   return {file.scratch, collapseDashes(file.scratch)};
 }
 

@@ -56,7 +56,7 @@ std::int64_t cfaOffset(PackedRule rule) { return static_cast<std::int32_t>(rule 
   return packed;
 }
 
-PackedRule ruleFor(std::uint64_t address) {
+[[gnu::always_inline]] inline PackedRule ruleFor(std::uint64_t address) {
   Entry& entry = entries[address * 0x9E3779B97F4A7C15u >> (64 - kEntryBits)];
   const PackedRule rule = entry.rule.load(std::memory_order_relaxed);
   if ((entry.check.load(std::memory_order_relaxed) ^ rule) == address && rule != 0) [[likely]]

@@ -163,6 +163,9 @@ void nameResultBeforeExec(Path& path) {
 }
 
 void processEnding(VeskProcessEnd how, int status) {
+  // Memory may be exhausted, and this thread may hold any lock. The log, which needs neither, has the reason.
+  if (how == VESK_END_FATAL) return;
+
   Path path;
   if (how == VESK_END_EXEC)
     nameResultBeforeExec(path);

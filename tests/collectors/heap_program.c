@@ -136,6 +136,22 @@ static void childAllocates(void) {
   waitpid(child, NULL, 0);
 }
 
+// Forks while other threads are busy on the heap.
+static void forkAmidThreads(void) {
+  pthread_t thread;
+  for (int i = 0; i < 3; ++i) pthread_create(&thread, NULL, busyMain, NULL);
+  for (int i = 0; i < 5; ++i) {
+    const pid_t child = fork();
+    if (child == 0) {
+      for (int k = 0; k < 100; ++k) keep(malloc(19));
+      exit(0);
+    }
+    int status;
+    waitpid(child, &status, 0);
+    if (status != 0) abort();
+  }
+}
+
 static void onSignal(int number) { keep(malloc(13)); }
 
 int main(int argc, char** argv) {
@@ -154,6 +170,8 @@ int main(int argc, char** argv) {
     descend(60);
   else if (strcmp(what, "slowly") == 0)
     slowly();
+  else if (strcmp(what, "forks") == 0)
+    forkAmidThreads();
   else if (strcmp(what, "fork") == 0)
     childAllocates();
   else if (strcmp(what, "exec") == 0) {

@@ -271,6 +271,20 @@ TEST(HeapRuns, ChildrenAreFollowedWhenAsked) {
   EXPECT_EQ(child.totals["releases"], 0u);
 }
 
+TEST(HeapRuns, ChildrenOfBusyProcessesAreExact) {
+  EXPECT_EQ(run("-follow -out f.xml", std::string(PROGRAM) + " forks").status, 3);
+  ASSERT_EQ(resultFiles().size(), 6u);
+  int children = 0;
+  for (const std::string& file : resultFiles()) {
+    Result result = readResult(file);
+    if (result.status == 3) continue;
+    ++children;
+    EXPECT_EQ(result.totals["calls"], 100u);
+    EXPECT_EQ(result.ofSize(19).liveBytes, 1900u);
+  }
+  EXPECT_EQ(children, 5);
+}
+
 TEST(HeapRuns, ProgramsThatReplaceThemselvesLeaveAResultEach) {
   EXPECT_EQ(run("-follow -out f.xml", std::string(PROGRAM) + " exec").status, 3);
   const std::vector<std::string> files = resultFiles();
@@ -310,6 +324,32 @@ TEST(HeapRuns, WrongOptionsAreToldBeforeTheProgramStarts) {
   EXPECT_EQ(help.status, 0);
   EXPECT_NE(help.out.find("-timeline"), std::string::npos);
   EXPECT_EQ(help.out.find("started"), std::string::npos);
+}
+
+TEST(HeapRuns, NamesThatXmlCannotCarryAreWrittenSafely) {
+  const std::string odd = "a'b<c>&\"\x01\xff\xc3\xa9";
+  fs::create_directory(odd);
+  fs::copy_file(PROGRAM, odd + "/program");
+  ::setenv("ODD", (odd + "/program").c_str(), 1);
+  EXPECT_EQ(run("-out r.xml", "\"$ODD\" known").status, 3);
+  readResult("r.xml");
+  pugi::xml_document document;
+  document.load_file("r.xml");
+  const std::string path = document.child("heapProfile").child("process").child_value("program");
+  EXPECT_NE(path.find("/a'b<c>&\"??\xc3\xa9/program"), std::string::npos) << path;
+}
+
+TEST(HeapRuns, ARealProgramAddsUp) {
+  const std::string script =
+      "'my %h; $h{$_} = \"v$_\" for 1..20000; delete $h{$_} for 1..5000; print scalar keys %h'";
+  EXPECT_EQ(run("-out r.xml -top 3", "perl -e " + script).status, 0);
+  EXPECT_EQ(test::readFile("out"), "15000");
+  Result result = readResult("r.xml");
+  EXPECT_GT(result.totals["calls"], 40000u);
+  EXPECT_GT(result.stacks.size(), 50u);
+  const std::string table = test::readFile("err");
+  EXPECT_NE(table.find("Perl_"), std::string::npos) << table;
+  EXPECT_NE(table.find("more call stacks"), std::string::npos) << table;
 }
 
 TEST(HeapRuns, AResultIsWholeOrTheOldOne) {

@@ -41,9 +41,10 @@ void waitForExclusive(VeskSharedExclusiveLock& lock) noexcept;
 
 } // namespace shared_lock
 
-[[gnu::always_inline]] inline void acquireShared(VeskSharedExclusiveLock& lock) noexcept {
+// Those that take the caller's id spare a caller of several locks the reads of it.
+[[gnu::always_inline]] inline void acquireShared(VeskSharedExclusiveLock& lock, std::uint64_t self) noexcept {
   using namespace shared_lock;
-  if (loadRelaxed(lock.owner) == nativeThreadId()) [[unlikely]]
+  if (loadRelaxed(lock.owner) == self) [[unlikely]]
     return;
   const std::uint64_t seen = loadRelaxed(word(lock));
   const std::uint64_t arrived = (seen | kShared) + kOneReader;
@@ -53,9 +54,13 @@ void waitForExclusive(VeskSharedExclusiveLock& lock) noexcept;
   }
 }
 
-[[gnu::always_inline]] inline void releaseShared(VeskSharedExclusiveLock& lock) noexcept {
+[[gnu::always_inline]] inline void acquireShared(VeskSharedExclusiveLock& lock) noexcept {
+  acquireShared(lock, nativeThreadId());
+}
+
+[[gnu::always_inline]] inline void releaseShared(VeskSharedExclusiveLock& lock, std::uint64_t self) noexcept {
   using namespace shared_lock;
-  if (loadRelaxed(lock.owner) == nativeThreadId()) [[unlikely]]
+  if (loadRelaxed(lock.owner) == self) [[unlikely]]
     return;
   const std::uint64_t seen = loadRelaxed(word(lock));
   const std::uint64_t left = seen == (kShared | kOneReader) ? 0 : seen - kOneReader;
@@ -63,8 +68,12 @@ void waitForExclusive(VeskSharedExclusiveLock& lock) noexcept;
     releaseSharedSlowly(lock);
 }
 
-[[gnu::always_inline]] inline void acquireExclusive(VeskSharedExclusiveLock& lock) noexcept {
-  const std::uint64_t self = nativeThreadId();
+[[gnu::always_inline]] inline void releaseShared(VeskSharedExclusiveLock& lock) noexcept {
+  releaseShared(lock, nativeThreadId());
+}
+
+[[gnu::always_inline]] inline void acquireExclusive(VeskSharedExclusiveLock& lock,
+                                                    std::uint64_t self) noexcept {
   if (loadRelaxed(lock.owner) == self) [[unlikely]] {
     lock.recursionCount = lock.recursionCount + 1;
     return;
@@ -73,6 +82,25 @@ void waitForExclusive(VeskSharedExclusiveLock& lock) noexcept;
     shared_lock::waitForExclusive(lock);
   }
   shared_lock::own(lock, self);
+}
+
+[[gnu::always_inline]] inline void acquireExclusive(VeskSharedExclusiveLock& lock) noexcept {
+  acquireExclusive(lock, nativeThreadId());
+}
+
+// Gives the caller's shared hold back and takes the lock exclusive. Says whether nobody could hold it in
+// between: the only reader swaps {1, 1} for {2, 0} at once, and only other readers can have come and gone
+// since it arrived.
+[[gnu::always_inline]] inline bool exchangeSharedForExclusive(VeskSharedExclusiveLock& lock,
+                                                              std::uint64_t self) noexcept {
+  using namespace shared_lock;
+  if (compareAndSwap(word(lock), kShared | kOneReader, std::uint64_t{kExclusive})) [[likely]] {
+    own(lock, self);
+    return true;
+  }
+  releaseShared(lock, self);
+  acquireExclusive(lock, self);
+  return false;
 }
 
 [[gnu::always_inline]] inline void releaseExclusive(VeskSharedExclusiveLock& lock) noexcept {

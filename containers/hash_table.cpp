@@ -10,26 +10,21 @@
 // What a thread that holds a leaf shared may rely on: no key is added, the bucket array stays, chains only
 // lose entries, and a chain whose bucket it holds does not change. A thread that did not find its key and
 // turns its shared hold into an exclusive one without letting go therefore need not search again.
-//
-// Scans hold the leaf exclusive while they call back, and their callbacks may change the leaf under their
-// feet: every change made while a scan runs moves the leaf's scan stamp, and a scan that finds it moved looks
-// its place up anew.
 #include <algorithm>
+#include <cstddef>
 #include <cstring>
 #include <new>
 
-#include "containers/hash_table_probe.h"
+#include "containers/hash_table_leaf.h"
 #include "runtime/backoff.h"
 #include "runtime/shared_lock.h"
 #include "veskrt/memory.h"
 
 namespace vesk::hash_table {
 
-namespace {
+std::uint64_t hashByKey(Table*, std::uint64_t key) { return key; }
 
-using Table = VeskHashTable;
-using Bucket = VeskHashTableBucket;
-using Entry = VeskHashTableEntry;
+namespace {
 
 constexpr std::uint32_t kCategoryPosition = 8;
 constexpr std::uint32_t kCategoryMask = 0xFF;
@@ -40,20 +35,23 @@ constexpr std::uint32_t kShiftMask = 0xF;
 constexpr std::uint32_t kMaxBucketBits = 26;
 static_assert((sizeof(Bucket) << kMaxBucketBits) <= UINT32_MAX);
 
-std::uint64_t hashByKey(Table*, std::uint64_t key) { return key; }
 std::uint64_t hashByNextBits(Table* table, std::uint64_t key) { return key >> table->bucketBits; }
 std::uint64_t hashByHighBits(Table* table, std::uint64_t key) { return key >> (3 * table->bucketBits); }
 
-bool isUnlocked(const Table& table) { return (table.flags & VESK_HASH_TABLE_UNLOCKED) != 0; }
-bool comparesKeys(const Table& table) { return (table.flags & VESK_HASH_TABLE_COMPARE_KEYS) != 0; }
 std::uint32_t categoryOf(const Table& table) { return table.flags >> kCategoryPosition & kCategoryMask; }
 std::uint32_t shiftOf(const Table& table) { return table.flags >> kShiftPosition & kShiftMask; }
 
 // ---- Descent ----
 
-[[gnu::always_inline]] inline Bucket& leafBucket(Table& leaf, std::uint64_t key) {
-  const VeskHashFunction hash = leaf.hashFunctions[0];
-  return bucketAt(leaf, hash == hashByKey ? key : hash(&leaf, key));
+// Fetches the lines of the bucket while the leaf's lock is taken, which otherwise comes first. The leaf may
+// grow meanwhile: then the address means nothing, and fetching it does nothing.
+[[gnu::always_inline]] inline void prefetchBucket(const Table& leaf, std::uint64_t key) {
+  if (leaf.hashFunctions[0] != hashByKey) return;
+  const std::uint64_t index = key & (static_cast<std::uint64_t>(loadRelaxed(leaf.bucketCount)) - 1);
+  const std::uintptr_t bucket =
+      reinterpret_cast<std::uintptr_t>(loadRelaxed(leaf.buckets)) + index * sizeof(Bucket);
+  __builtin_prefetch(reinterpret_cast<const void*>(bucket));
+  __builtin_prefetch(reinterpret_cast<const void*>(bucket + offsetof(Bucket, head)));
 }
 
 Bucket& subTableBucket(Table& table, std::uint64_t key) {
@@ -61,14 +59,6 @@ Bucket& subTableBucket(Table& table, std::uint64_t key) {
   if (hash == hashByNextBits) return bucketAt(table, hashByNextBits(&table, key));
   if (hash == hashByHighBits) return bucketAt(table, hashByHighBits(&table, key));
   return bucketAt(table, hash(&table, key));
-}
-
-// The reserved head of a bucket whose sub-table is being created.
-void* underCreation() { return reinterpret_cast<void*>(std::uintptr_t{1}); }
-
-Table* publishedIn(const Bucket& bucket) {
-  void* const head = loadAcquire(bucket.head);
-  return head != underCreation() ? static_cast<Table*>(head) : nullptr;
 }
 
 [[gnu::noinline]] Table* descendThroughLevels(Table* table, std::uint64_t key) {
@@ -127,38 +117,10 @@ Table* subTableFor(Table& table, std::uint64_t key) {
   return findByNumber(chainOf(bucket), key);
 }
 
-// A link is the word that points to an entry: its predecessor's, or the bucket's head.
-Entry*& firstLink(Bucket& bucket) {
-  using Link [[gnu::may_alias]] = Entry*;
-  return reinterpret_cast<Link&>(bucket.head);
-}
-
-// The link to the first entry that matches; the chain's last, null link if none does.
-template <class Matches>
-[[gnu::always_inline]] inline Entry*& findLink(Bucket& bucket, Matches matches) {
-  Entry** link = &firstLink(bucket);
-  while (*link != nullptr && !matches(**link)) link = &(*link)->next;
-  return *link;
-}
-
 [[gnu::always_inline]] inline Entry*& linkOfKey(const Table& table, Bucket& bucket, std::uint64_t key) {
   if (comparesKeys(table)) [[unlikely]]
     return findLink(bucket, [&](const Entry& entry) { return table.compare(entry.key, key) != 0; });
   return findLink(bucket, [&](const Entry& entry) { return entry.key == key; });
-}
-
-// Tells a scan that runs on this leaf that its chains have changed. Only the scan's own thread can get here
-// then.
-void noteChange(Table& leaf) {
-  if (leaf.scanStamp != 0 && ++leaf.scanStamp == 0) leaf.scanStamp = 1;
-}
-
-void releaseKey(const Table& table, std::uint64_t key) {
-  if (comparesKeys(table) && table.keyRelease != nullptr) table.keyRelease(key);
-}
-
-void addToCount(Table& leaf, std::int32_t change) {
-  storeRelaxed(leaf.entryCount, loadRelaxed(leaf.entryCount) + change);
 }
 
 // A leaf without locks and callbacks.
@@ -168,29 +130,33 @@ void addToCount(Table& leaf, std::int32_t change) {
          table.hashFunctions[0] == hashByKey;
 }
 
+// Calls use(entry) under the leaf's locks if the key is there.
+template <class Use>
+[[gnu::always_inline]] inline void useEntry(Table& leaf, std::uint64_t key, Use use) {
+  const auto useIn = [&](const Bucket& bucket) {
+    const Entry* const entry = find(leaf, bucket, key);
+    if (entry != nullptr) use(*entry);
+  };
+  if (isUnlocked(leaf)) {
+    if (leaf.entryCount >= 1) useIn(leafBucket(leaf, key));
+    return;
+  }
+  prefetchBucket(leaf, key);
+  const std::uint64_t self = nativeThreadId();
+  acquireShared(leaf.lock, self);
+  if (loadRelaxed(leaf.entryCount) >= 1) [[likely]] {
+    Bucket& bucket = leafBucket(leaf, key);
+    acquireShared(bucket.lock, self);
+    useIn(bucket);
+    releaseShared(bucket.lock, self);
+  }
+  releaseShared(leaf.lock, self);
+}
+
 [[gnu::noinline]] void* lookUpGenerally(Table* table, std::uint64_t key) {
   Table* const leaf = descend(table, key);
-  if (leaf == nullptr) return nullptr;
-  const bool locked = !isUnlocked(*leaf);
-  if (locked) {
-    auto* base = (char*)loadRelaxed(leaf->buckets);
-    std::uint64_t mask = (std::uint64_t)loadRelaxed(leaf->bucketCount) - 1;
-    __builtin_prefetch(base + (key & mask) * sizeof(Bucket));
-    __builtin_prefetch(base + (key & mask) * sizeof(Bucket) + 32);
-  }
-  const std::uint64_t self = locked ? nativeThreadId() : 0;
   void* data = nullptr;
-  if (locked) acquireShared(leaf->lock, self);
-  if (loadRelaxed(leaf->entryCount) >= 1) [[likely]] {
-    Bucket& bucket = leafBucket(*leaf, key);
-    if (locked) {
-      acquireShared(bucket.lock, self);
-    }
-    const Entry* const entry = find(*leaf, bucket, key);
-    if (entry != nullptr) data = entry->data;
-    if (locked) releaseShared(bucket.lock, self);
-  }
-  if (locked) releaseShared(leaf->lock, self);
+  if (leaf != nullptr) useEntry(*leaf, key, [&](const Entry& entry) { data = entry.data; });
   return data;
 }
 
@@ -214,8 +180,8 @@ Bucket* createBuckets(const Table& table, std::int32_t count) {
   Bucket* const fresh = createBuckets(leaf, 2 * oldCount);
   Bucket* const old = leaf.buckets;
   leaf.bucketBits = leaf.bucketBits + 1;
-  leaf.bucketCount = 2 * oldCount;
-  leaf.buckets = fresh;
+  storeRelaxed(leaf.bucketCount, 2 * oldCount); // these two are read ahead of the lock
+  storeRelaxed(leaf.buckets, fresh);
   constexpr std::int32_t kAhead = 8; // entries lie anywhere: ask for them before their turn
   for (std::int32_t i = 0; i < oldCount; ++i) {
     if (i + kAhead < oldCount) __builtin_prefetch(old[i + kAhead].head);
@@ -230,13 +196,15 @@ Bucket* createBuckets(const Table& table, std::int32_t count) {
   __VeskFree(old);
 }
 
-// Adds a key that is not there. The caller holds the leaf exclusive.
-[[gnu::always_inline]] inline void add(Table& leaf, std::uint64_t key, void* data) {
-  if (loadRelaxed(leaf.entryCount) > leaf.bucketCount) [[unlikely]]
+// Adds a key that its bucket does not have. The caller holds the leaf exclusive.
+[[gnu::always_inline]] inline void add(Table& leaf, Bucket* bucket, std::uint64_t key, void* data) {
+  if (loadRelaxed(leaf.entryCount) > leaf.bucketCount) [[unlikely]] {
     grow(leaf);
+    bucket = &leafBucket(leaf, key);
+  }
   auto* const entry = static_cast<Entry*>(__VeskMalloc(categoryOf(leaf), sizeof(Entry), shiftOf(leaf)));
-  // Only now: a memory collector that ran inside the allocation may have changed an unlocked table.
-  Entry*& link = firstLink(leafBucket(leaf, key));
+  Entry*& link =
+      firstLink(*bucket); // only now: a memory collector inside the allocation may have removed entries
   entry->next = link;
   entry->key = key;
   entry->data = data;
@@ -247,8 +215,9 @@ Bucket* createBuckets(const Table& table, std::int32_t count) {
 }
 
 void* insertUnlocked(Table& leaf, std::uint64_t key, void* data) {
-  if (const Entry* entry = find(leaf, leafBucket(leaf, key), key)) return entry->data;
-  add(leaf, key, data);
+  Bucket& bucket = leafBucket(leaf, key);
+  if (const Entry* const entry = find(leaf, bucket, key)) return entry->data;
+  add(leaf, &bucket, key, data);
   return data;
 }
 
@@ -281,136 +250,6 @@ void destroyChain(const Table& leaf, Entry* entry, VeskHashDataRelease dataRelea
     __VeskFree(entry);
     entry = next;
   }
-}
-
-// ---- Scans ----
-
-// Either scan. Without a visit function every entry is selected and to be removed.
-struct Scan {
-  VeskHashVisit visit;
-  void* context;
-  bool remove;
-  VeskHashDataRelease release;
-};
-
-// The walk of one leaf that is held exclusive, or unlocked.
-class LeafScan {
-public:
-  LeafScan(Table& leaf, const Scan& scan) : leaf_(leaf), scan_(scan), outermost_(leaf.scanStamp == 0) {
-    if (outermost_) leaf_.scanStamp = 1;
-  }
-  ~LeafScan() {
-    if (outermost_) leaf_.scanStamp = 0;
-  }
-  LeafScan(const LeafScan&) = delete;
-  LeafScan& operator=(const LeafScan&) = delete;
-
-  // Returns the number of entries removed. If callbacks make the leaf grow, what was in bucket i is
-  // afterwards in the buckets congruent to i modulo the count at the start: they are walked in its stead.
-  std::uint32_t run() {
-    const std::int32_t count = leaf_.bucketCount;
-    for (std::int32_t i = 0; i < count; ++i) {
-      bool whole = true;
-      for (std::int32_t j = i; whole && j < leaf_.bucketCount; j += count)
-        whole = walkChain(leaf_.buckets[j]);
-    }
-    return removed_;
-  }
-
-private:
-  // What is known of an entry, to find it again after a callback.
-  struct Place {
-    explicit Place(const Entry* at)
-        : entry(at), key(at != nullptr ? at->key : 0), data(at != nullptr ? at->data : nullptr) {}
-    bool is(const Entry& other) const { return &other == entry && other.key == key && other.data == data; }
-    const Entry* entry;
-    std::uint64_t key;
-    void* data;
-  };
-
-  // The place's link as the leaf now stands; null if its entry is gone.
-  Entry** findAgain(const Place& place) const {
-    if (place.entry == nullptr) return nullptr;
-    Entry*& link =
-        findLink(leafBucket(leaf_, place.key), [&](const Entry& entry) { return place.is(entry); });
-    return link != nullptr ? &link : nullptr;
-  }
-
-  bool wantsToGo(void* data) const {
-    if (scan_.visit != nullptr && (scan_.visit(data, scan_.context) == 0 || !scan_.remove)) return false;
-    return scan_.release == nullptr || scan_.release(data) != 0;
-  }
-
-  // Says whether the bucket's entries are still those of the bucket: not once the leaf has grown.
-  bool walkChain(Bucket& bucket) {
-    const std::int32_t count = leaf_.bucketCount;
-    for (Entry** link = &firstLink(bucket); link != nullptr && *link != nullptr;) {
-      link = settle(*link);
-      if (leaf_.bucketCount != count) return false;
-    }
-    return true;
-  }
-
-  // Asks for one entry and does what is wanted. Returns the link to the entry after it, null if that is not
-  // known any more.
-  Entry** settle(Entry*& firstSeen) {
-    Entry** link = &firstSeen;
-    Entry* const entry = *link;
-    if (!isUnlocked(leaf_) && __VeskTryToAcquireExclusiveLock(&entry->lock, 0) == 0) return &entry->next;
-
-    const std::uint32_t stamp = leaf_.scanStamp;
-    const Place here(entry);
-    const Place next(entry->next);
-    const bool goes = wantsToGo(here.data);
-    const bool keyFirst =
-        scan_.visit == nullptr; // emptying releases the key of an entry that is still linked
-    if (goes && keyFirst) releaseKey(leaf_, here.key);
-    if (leaf_.scanStamp != stamp) [[unlikely]] {
-      link = findAgain(here);
-      if (link == nullptr) return findAgain(next);
-    }
-    if (!goes) {
-      if (!isUnlocked(leaf_)) releaseExclusive(entry->lock);
-      return &entry->next;
-    }
-    *link = entry->next;
-    noteChange(leaf_);
-    const Place after(*link);
-    const std::uint32_t stampUnlinked = leaf_.scanStamp;
-    if (!keyFirst) releaseKey(leaf_, here.key);
-    addToCount(leaf_, -1);
-    __VeskFree(entry);
-    ++removed_;
-    return leaf_.scanStamp == stampUnlinked ? link : findAgain(after);
-  }
-
-  Table& leaf_;
-  const Scan& scan_;
-  const bool outermost_;
-  std::uint32_t removed_ = 0;
-};
-
-std::uint32_t scanLeaf(Table& leaf, const Scan& scan, std::uint32_t& entryCount) {
-  if (!isUnlocked(leaf) && (__VeskIsExclusiveLockAcquiredByCallingThread(&leaf.lock) ||
-                            __VeskTryToAcquireExclusiveLock(&leaf.lock, 0) == 0)) {
-    entryCount += static_cast<std::uint32_t>(loadRelaxed(leaf.entryCount));
-    return 0;
-  }
-  entryCount += static_cast<std::uint32_t>(loadRelaxed(leaf.entryCount));
-  const std::uint32_t removed = LeafScan(leaf, scan).run();
-  if (!isUnlocked(leaf)) releaseExclusive(leaf.lock);
-  return removed;
-}
-
-// Adds the leaves' counts to `entryCount`.
-std::uint32_t scanTable(Table& table, const Scan& scan, std::uint32_t& entryCount) {
-  if (table.level == 0) return scanLeaf(table, scan, entryCount);
-  std::uint32_t removed = 0;
-  for (std::int32_t i = 0; i < table.bucketCount; ++i) {
-    if (Table* const subTable = publishedIn(table.buckets[i]))
-      removed += scanTable(*subTable, scan, entryCount);
-  }
-  return removed;
 }
 
 } // namespace
@@ -471,24 +310,11 @@ uint32_t __VeskLookupAndAcquireHashTableDataItem(VeskHashTable* table, uint64_t 
   Table* const leaf = descend(table, key);
   void* found = nullptr;
   std::uint32_t result = 1;
-  const auto acquireIn = [&](const Bucket& bucket) {
-    const Entry* const entry = find(*leaf, bucket, key);
-    if (entry == nullptr) return;
-    found = entry->data;
-    result = acquire(found);
-  };
-  if (leaf != nullptr && isUnlocked(*leaf)) {
-    if (leaf->entryCount >= 1) acquireIn(leafBucket(*leaf, key));
-  } else if (leaf != nullptr) {
-    const std::uint64_t self = nativeThreadId();
-    acquireShared(leaf->lock, self);
-    if (loadRelaxed(leaf->entryCount) >= 1) [[likely]] {
-      Bucket& bucket = leafBucket(*leaf, key);
-      acquireShared(bucket.lock, self);
-      acquireIn(bucket);
-      releaseShared(bucket.lock, self);
-    }
-    releaseShared(leaf->lock, self);
+  if (leaf != nullptr) {
+    useEntry(*leaf, key, [&](const Entry& entry) {
+      found = entry.data;
+      result = acquire(entry.data);
+    });
   }
   *data = found;
   return result;
@@ -497,6 +323,7 @@ uint32_t __VeskLookupAndAcquireHashTableDataItem(VeskHashTable* table, uint64_t 
 void* __VeskInsertHashTableEntry(VeskHashTable* table, uint64_t key, void* data) {
   Table& leaf = descendCreating(table, key);
   if (isUnlocked(leaf)) return insertUnlocked(leaf, key, data);
+  prefetchBucket(leaf, key);
   const std::uint64_t self = nativeThreadId();
 
   acquireShared(leaf.lock, self);
@@ -513,12 +340,14 @@ void* __VeskInsertHashTableEntry(VeskHashTable* table, uint64_t key, void* data)
 
   // In compare mode the caller's function sees both searches.
   const bool undisturbed = exchangeSharedForExclusive(leaf.lock, self);
-  if (!undisturbed || comparesKeys(leaf)) [[unlikely]] {
-    entry = find(leaf, leafBucket(leaf, key), key);
-    if (entry != nullptr) data = entry->data;
+  Bucket& bucketNow = leafBucket(leaf, key);
+  if (!undisturbed || comparesKeys(leaf)) [[unlikely]]
+    entry = find(leaf, bucketNow, key);
+  if (entry == nullptr) [[likely]] {
+    add(leaf, &bucketNow, key, data);
+  } else {
+    data = entry->data;
   }
-  if (entry == nullptr) [[likely]]
-    add(leaf, key, data);
   releaseExclusive(leaf.lock);
   return data;
 }
@@ -527,6 +356,7 @@ void* __VeskRemoveHashTableEntry(VeskHashTable* table, uint64_t key) {
   Table* const leaf = descend(table, key);
   if (leaf == nullptr) return nullptr;
   if (isUnlocked(*leaf)) return removeUnlocked(*leaf, key);
+  prefetchBucket(*leaf, key);
   const std::uint64_t self = nativeThreadId();
 
   acquireShared(leaf->lock, self);
@@ -544,18 +374,4 @@ void* __VeskRemoveHashTableEntry(VeskHashTable* table, uint64_t key) {
   addToCount(*leaf, -1);
   releaseExclusive(leaf->lock);
   return data;
-}
-
-uint32_t __VeskScanHashTable(VeskHashTable* table, VeskHashVisit visit, void* context, uint32_t remove,
-                             VeskHashDataRelease release, uint32_t* entryCount) {
-  std::uint32_t entries = 0;
-  const std::uint32_t removed = scanTable(
-      *table, Scan{.visit = visit, .context = context, .remove = remove != 0, .release = release}, entries);
-  *entryCount = entries;
-  return removed;
-}
-
-uint32_t __VeskScanAndEmptyHashTable(VeskHashTable* table, VeskHashDataRelease release,
-                                     uint32_t* entryCount) {
-  return __VeskScanHashTable(table, nullptr, nullptr, 1, release, entryCount);
 }

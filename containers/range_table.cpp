@@ -16,7 +16,7 @@
 #include <new>
 #include <utility>
 
-#include "containers/hash_table_probe.h"
+#include "containers/hash_table_leaf.h"
 #include "veskrt/atomic.h"
 #include "veskrt/memory.h"
 

@@ -3,6 +3,7 @@
 // The program runs as a child, so that its end can be told in an exit status; all else is as if it had been
 // started directly. It stays in veskrun's process group, keeps its descriptors (of which veskrun holds no
 // copies), its signal mask and its terminal.
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
@@ -30,7 +31,7 @@ constexpr char kUsage[] =
 
 Runs a program and observes it with a collector: the heap profiler, if no other is named.
 
-  -collector FILE    the collector to load, a shared object
+  -collector NAME    the collector to load: one of those below, or the path of a shared object
   --help             this text and the collector's options (also -help)
   --version          the version
 
@@ -38,7 +39,8 @@ Whatever else stands before "--" goes to the collector. Without collector option
 
 The exit status is the program's own, or 128 + the signal that ended it. It is 2 for a wrong use of veskrun or of
 the collector's options, 126 for a program that cannot be observed or executed, 127 for one that is not found.
-)";
+
+Collectors:)";
 
 struct CommandLine {
   std::string collector;
@@ -67,7 +69,7 @@ CommandLine parse(int argc, char** argv) {
     } else if (argument == "--version") {
       line.version = true;
     } else if (argument == "-collector" || argument == "--collector") {
-      if (++index == argc) fail(kUsageError, std::string(argument) + " needs a file");
+      if (++index == argc) fail(kUsageError, std::string(argument) + " needs a name");
       line.collector = argv[index];
     } else if (argument.starts_with("--")) {
       fail(kUsageError, "there is no option " + std::string(argument) + " (see veskrun --help)");
@@ -97,6 +99,29 @@ std::filesystem::path findHost() {
     if (std::filesystem::exists(candidate, ignored)) return candidate;
   }
   fail(kUsageError, "libveskhost.so is neither beside " + here.string() + "/veskrun nor in ../lib");
+}
+
+// Collectors lie beside the host, each as libvesk and its name.
+constexpr std::string_view kCollectorPrefix = "libvesk";
+constexpr std::string_view kCollectorSuffix = ".so";
+
+std::string findCollector(const std::filesystem::path& directory, const std::string& name) {
+  if (name.find('/') != std::string::npos) return std::filesystem::absolute(name);
+  return directory / (std::string(kCollectorPrefix) + name + std::string(kCollectorSuffix));
+}
+
+void listCollectors(const std::filesystem::path& directory) {
+  std::vector<std::string> names;
+  std::error_code ignored;
+  for (const auto& entry : std::filesystem::directory_iterator(directory, ignored)) {
+    std::string name = entry.path().filename();
+    if (!name.starts_with(kCollectorPrefix) || !name.ends_with(kCollectorSuffix)) continue;
+    name = name.substr(kCollectorPrefix.size(), name.size() - kCollectorPrefix.size() - kCollectorSuffix.size());
+    if (name != "host" && name != "rt") names.push_back(name);
+  }
+  std::sort(names.begin(), names.end());
+  for (const std::string& name : names) std::printf(" %s", name.c_str());
+  std::puts("");
 }
 
 // A directory with a link to the host, where LD_PRELOAD could not name it: there a blank or a colon ends a
@@ -226,14 +251,16 @@ int main(int argc, char** argv) {
     return 0;
   }
   const std::filesystem::path host = findHost();
-  const std::string collector = line.collector.empty() ? host.parent_path() / "libveskheap.so"
-                                                       : std::filesystem::absolute(line.collector);
+  const std::string collector =
+      findCollector(host.parent_path(), line.collector.empty() ? "heap" : line.collector);
   std::error_code ignored;
   const bool haveCollector = std::filesystem::exists(collector, ignored);
 
   Program program;
   if (line.help) {
     std::fputs(kUsage, stdout);
+    listCollectors(host.parent_path());
+    std::fflush(stdout);
     if (!haveCollector) return 0;
     // The collector tells its options itself, in any program; it ends that before it begins.
     line.collectorArguments = {"-help"};

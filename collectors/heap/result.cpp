@@ -8,6 +8,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "collectors/common/xml_text.h"
 #include "collectors/heap/modules.h"
 #include "collectors/heap/settings.h"
 #include "veskrt/hash_table.h"
@@ -29,41 +30,9 @@ using PartName = Text<PATH_MAX + 32>;
 
 void namePart(PartName& part, const char* path) { part.append("%s.%d.part", path, __VeskGetPid()); }
 
-// ---- Texts that XML can carry ----
-
-std::uint32_t continuationBytes(unsigned char lead) {
-  if (lead >= 0xC2 && lead <= 0xDF) return 1;
-  if (lead >= 0xE0 && lead <= 0xEF) return 2;
-  if (lead >= 0xF0 && lead <= 0xF4) return 3;
-  return 0;
-}
-
-// Bytes of the character at `text`; 0 when it is one that the file cannot hold: a control character or no
-// UTF-8.
-std::uint32_t characterLength(const char* text) {
-  const auto byte = [text](std::uint32_t i) { return static_cast<unsigned char>(text[i]); };
-  if (byte(0) < 0x80) return byte(0) >= 0x20 || byte(0) == '\t' ? 1 : 0;
-  const std::uint32_t more = continuationBytes(byte(0));
-  if (more == 0) return 0;
-  for (std::uint32_t i = 1; i <= more; ++i) {
-    if ((byte(i) & 0xC0) != 0x80) return 0;
-  }
-  const bool overlong = (byte(0) == 0xE0 && byte(1) < 0xA0) || (byte(0) == 0xF0 && byte(1) < 0x90);
-  const bool noCharacter = (byte(0) == 0xED && byte(1) >= 0xA0) || (byte(0) == 0xF4 && byte(1) >= 0x90) ||
-                           (byte(0) == 0xEF && byte(1) == 0xBF && byte(2) >= 0xBE);
-  return overlong || noCharacter ? 0 : more + 1;
-}
-
 void writePath(VeskXMLFile* file, const char* element, const char* path) {
   Path clean;
-  while (*path != '\0') {
-    const std::uint32_t length = characterLength(path);
-    if (length == 0)
-      clean.append("?");
-    else
-      clean.append("%.*s", static_cast<int>(length), path);
-    path += length == 0 ? 1 : length;
-  }
+  common::appendClean(clean, path);
   __VeskXMLWriteStringElement(file, element, clean.text());
 }
 

@@ -4,9 +4,11 @@
 #include <climits>
 #include <cstdint>
 
-#include "collectors/heap/text.h"
+#include "collectors/common/text.h"
 
 namespace heap {
+
+using common::Text;
 
 using Path = Text<PATH_MAX>;
 

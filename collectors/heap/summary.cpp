@@ -8,8 +8,8 @@
 #include <unistd.h>
 
 #include "collectors/heap/modules.h"
-#include "collectors/heap/symbols.h"
-#include "collectors/heap/text.h"
+#include "collectors/common/elf_file.h"
+#include "collectors/common/text.h"
 #include "veskrt/memory.h"
 
 namespace heap {
@@ -20,6 +20,7 @@ constexpr std::uint32_t kFramesShown = 3;
 constexpr std::uint32_t kNameShown = 100; // characters of a function's name
 
 // What the buffer that a row is in must take at least.
+using common::Text;
 using Line = Text<512>;
 using Short = Text<32>;
 
@@ -85,7 +86,7 @@ class Symbols {
 public:
   Symbols() = default;
   ~Symbols() {
-    for (std::uint32_t i = 0; i < count_; ++i) file(i).~SymbolFile();
+    for (std::uint32_t i = 0; i < count_; ++i) file(i).~ElfFile();
   }
   Symbols(const Symbols&) = delete;
   Symbols& operator=(const Symbols&) = delete;
@@ -96,17 +97,17 @@ public:
     }
     if (count_ == kFiles) return nullptr;
     modules_[count_] = module;
-    return (new (&files_[count_++]) SymbolFile(moduleByIndex(module).path))->find(address);
+    return (new (&files_[count_++]) common::ElfFile(moduleByIndex(module).path))->find(address);
   }
 
 private:
   static constexpr std::uint32_t kFiles = 64;
-  SymbolFile& file(std::uint32_t i) { return *std::launder(reinterpret_cast<SymbolFile*>(&files_[i])); }
+  common::ElfFile& file(std::uint32_t i) { return *std::launder(reinterpret_cast<common::ElfFile*>(&files_[i])); }
 
   std::uint32_t count_ = 0;
   std::uint32_t modules_[kFiles];
-  struct alignas(SymbolFile) Storage {
-    std::byte bytes[sizeof(SymbolFile)];
+  struct alignas(common::ElfFile) Storage {
+    std::byte bytes[sizeof(common::ElfFile)];
   } files_[kFiles];
 };
 

@@ -6,7 +6,7 @@
 
 #include "veskrt/text.h"
 
-namespace heap {
+namespace common {
 
 template <std::uint32_t Size>
 class Text {
@@ -35,4 +35,4 @@ private:
   char text_[Size] = "";
 };
 
-} // namespace heap
+} // namespace common

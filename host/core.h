@@ -7,7 +7,7 @@
 #include "host/veskhost.h"
 #include "veskrt/runtime.h"
 
-namespace [[gnu::visibility("hidden")]] veskhost {
+namespace veskhost {
 
 // Whose code a thread runs. It decides where a heap call of the thread goes (see interpose_heap.cpp).
 enum class Mark : std::uint32_t {
@@ -107,4 +107,4 @@ inline constexpr unsigned kForkPatience = 10000;
 // Milliseconds of a clock that is never set.
 std::uint64_t nowMilliseconds() noexcept;
 
-} // namespace gnu::visibility("hidden")]]veskhost
+} // namespace veskhost

@@ -11,7 +11,7 @@
 
 #include <cstdint>
 
-namespace [[gnu::visibility("hidden")]] veskhost {
+namespace veskhost {
 
 struct Settings {
   const char* collector; // null when there is none
@@ -27,4 +27,4 @@ const Settings& settings() noexcept;
 // place. Null when there is no memory.
 char** environmentForChild(char* const* environment) noexcept;
 
-} // namespace gnu::visibility("hidden")]]veskhost
+} // namespace veskhost

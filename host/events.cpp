@@ -166,7 +166,7 @@ void processEnds(VeskProcessEnd how, int status) noexcept {
   lookForModules();
   const bool inside = self.mark == Mark::kCollector;
   ScopedCollectorMark mark;
-  static constinit Ending ending;
+  static constinit Ending ending = {};
   ending = {how, status, inside ? 100 : kPatience};
   if (!inside) {
     endCollector(ending);

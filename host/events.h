@@ -11,17 +11,17 @@
 
 #include "host/core.h"
 
-namespace [[gnu::visibility("hidden")]] veskhost {
+namespace veskhost {
 
 // Set in the constructor when there is a collector; false in a program that is only passed through.
-extern constinit std::atomic<bool> watchingFlag;
+[[gnu::visibility("hidden")]] extern constinit std::atomic<bool> watchingFlag;
 
 [[gnu::always_inline]] inline bool watching() noexcept {
   return watchingFlag.load(std::memory_order_relaxed);
 }
 
 // Never null: a table of null callbacks when nobody listens.
-extern constinit std::atomic<const VeskHostEvents*> listener;
+[[gnu::visibility("hidden")]] extern constinit std::atomic<const VeskHostEvents*> listener;
 
 class Event {
 public:
@@ -63,4 +63,4 @@ void prepareObservedFork() noexcept;
 void observedForkInParent() noexcept;
 void observedForkInChild() noexcept;
 
-} // namespace gnu::visibility("hidden")]]veskhost
+} // namespace veskhost

@@ -10,14 +10,12 @@
 #include <cstddef>
 #include <cstdint>
 
-namespace [[gnu::visibility("hidden")]] veskhost {
-
-namespace inner {
+namespace veskhost::inner {
 
 inline constexpr std::size_t kRegion = std::size_t{16} << 20;
 
 // Before there is a region, an address from which no block is less than a region away.
-extern constinit std::atomic<std::uintptr_t> regionStart;
+[[gnu::visibility("hidden")]] extern constinit std::atomic<std::uintptr_t> regionStart;
 
 [[gnu::always_inline]] inline bool owns(const void* block) noexcept {
   return reinterpret_cast<std::uintptr_t>(block) - regionStart.load(std::memory_order_relaxed) < kRegion;
@@ -31,6 +29,4 @@ void* allocate(std::size_t bytes, std::size_t alignment = 16) noexcept;
 void release(void* block) noexcept;
 std::size_t usableSize(const void* block) noexcept;
 
-} // namespace inner
-
-} // namespace gnu::visibility("hidden")]]veskhost
+} // namespace veskhost::inner

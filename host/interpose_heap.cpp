@@ -1,8 +1,8 @@
 // The heap functions in front of the program's own. By the mark of the calling thread a call
 //
 //   kProgram     goes to the program's function, and raises an event,
-//   kCollector   gets memory from the inner heap: nothing of the program's heap moves, and none of its locks
-//   is taken, kAllocator   goes on to the program's function, which another one of them has called.
+//   kCollector   gets memory from the inner heap: the program's heap and its locks stay untouched,
+//   kAllocator   goes on to the program's function: another one of them has called.
 //
 // A block goes back to where it came from, whoever gives it back.
 #include <bit>

@@ -9,7 +9,6 @@
 #include <cstdarg>
 #include <cstdlib>
 
-#include <alloca.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -75,18 +74,22 @@ int executeFile(const char* file, char* const* arguments, char* const* environme
   return next().execvpe(file, arguments, ChildEnvironment(environment));
 }
 
-// How many arguments there are, the first included, without the null that ends them.
-std::size_t countArguments(const char* first, va_list list) noexcept {
-  std::size_t count = 0;
-  for (const char* argument = first; argument != nullptr; argument = va_arg(list, const char*)) ++count;
-  return count;
-}
-
-void copyArguments(char** arguments, const char* first, va_list list) noexcept {
-  const char* argument = first;
-  for (; argument != nullptr; argument = va_arg(list, const char*))
-    *arguments++ = const_cast<char*>(argument);
-  *arguments = nullptr;
+// Calls execute(arguments) with the arguments of a list, which is left behind the null that ends them. They
+// lie on the stack: the child of a vfork must leave nothing in its parent's memory.
+template <class Execute>
+[[gnu::noinline]] int withArguments(const char* first, va_list list, Execute execute) noexcept {
+  va_list again;
+  va_copy(again, list);
+  std::size_t count = 1;
+  for (const char* argument = first; argument != nullptr; argument = va_arg(again, const char*)) ++count;
+  va_end(again);
+  auto** arguments = static_cast<char**>(__builtin_alloca(count * sizeof(char*)));
+  char** place = arguments;
+  for (const char* argument = first; argument != nullptr; argument = va_arg(list, const char*)) {
+    *place++ = const_cast<char*>(argument);
+  }
+  *place = nullptr;
+  return execute(arguments);
 }
 
 } // namespace
@@ -153,39 +156,29 @@ VESK_API int fexecve(int file, char* const* arguments, char* const* environment)
 VESK_API int execl(const char* path, const char* first, ...) noexcept {
   va_list list;
   va_start(list, first);
-  va_list again;
-  va_copy(again, list);
-  auto** arguments = static_cast<char**>(alloca((countArguments(first, list) + 1) * sizeof(char*)));
-  copyArguments(arguments, first, again);
-  va_end(again);
+  const int result =
+      withArguments(first, list, [=](char** arguments) { return executePath(path, arguments, environ); });
   va_end(list);
-  return executePath(path, arguments, environ);
+  return result;
 }
 
 VESK_API int execlp(const char* file, const char* first, ...) noexcept {
   va_list list;
   va_start(list, first);
-  va_list again;
-  va_copy(again, list);
-  auto** arguments = static_cast<char**>(alloca((countArguments(first, list) + 1) * sizeof(char*)));
-  copyArguments(arguments, first, again);
-  va_end(again);
+  const int result =
+      withArguments(first, list, [=](char** arguments) { return executeFile(file, arguments, environ); });
   va_end(list);
-  return executeFile(file, arguments, environ);
+  return result;
 }
 
 VESK_API int execle(const char* path, const char* first, ...) noexcept {
   va_list list;
   va_start(list, first);
-  va_list again;
-  va_copy(again, list);
-  auto** arguments = static_cast<char**>(alloca((countArguments(first, list) + 1) * sizeof(char*)));
-  copyArguments(arguments, first, again);
-  // The environment stands behind the null that ends the arguments.
-  char* const* environment = va_arg(list, char* const*);
-  va_end(again);
+  const int result = withArguments(first, list, [path, &list](char** arguments) {
+    return executePath(path, arguments, va_arg(list, char* const*)); // the environment stands behind them
+  });
   va_end(list);
-  return executePath(path, arguments, environment);
+  return result;
 }
 
 VESK_API int posix_spawn(pid_t* pid, const char* path, const posix_spawn_file_actions_t* actions,

@@ -69,7 +69,7 @@ VeskHostEvents startCollector(const Settings& settings) noexcept {
   const VeskHostEvents events = startCollector(settings());
   listen(events);
   on_exit([](int status, void*) { processEnds(VESK_END_EXIT, status); }, nullptr);
-  at_quick_exit([] { tellQuickExit(); });
+  static_cast<void>(at_quick_exit([] { tellQuickExit(); }));
   self.mark = Mark::kProgram;
   lookForModules();
 }

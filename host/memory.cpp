@@ -120,7 +120,9 @@ void* veskHostAllocate(uint64_t bytes) {
   if (piece == nullptr) return nullptr;
   bytesInUse.fetch_add(bytes, std::memory_order_relaxed);
   blocksInUse.fetch_add(1, std::memory_order_relaxed);
-  return ::new (piece) Header{size, bytes} + 1;
+  auto* header = static_cast<Header*>(piece);
+  *header = {size, bytes};
+  return header + 1;
 }
 
 void veskHostFree(void* block) {

@@ -20,6 +20,8 @@ constinit std::uintptr_t loaderSize = 0;
 
 namespace {
 
+using Segment = ElfW(Phdr);
+
 constexpr std::uint32_t kMaxBuildId = 64;
 
 struct Known {
@@ -71,7 +73,7 @@ struct Extent {
 
 Extent extentOf(const dl_phdr_info& info) noexcept {
   Extent extent;
-  for (const ElfW(Phdr)* header = info.dlpi_phdr; header != info.dlpi_phdr + info.dlpi_phnum; ++header) {
+  for (const Segment* header = info.dlpi_phdr; header != info.dlpi_phdr + info.dlpi_phnum; ++header) {
     if (header->p_type != PT_LOAD) continue;
     const std::uint64_t start = info.dlpi_addr + header->p_vaddr;
     if (start < extent.start) extent.start = start;
@@ -93,7 +95,7 @@ Known* makeEntry(const char* name, bool vdso) noexcept {
   const std::size_t nameLength = std::strlen(name) + 1;
   void* memory = veskHostAllocate(sizeof(Known) + prefix + length + nameLength);
   if (memory == nullptr) return nullptr;
-  auto* entry = ::new (memory) Known{};
+  auto* entry = new (memory) Known();
   std::memcpy(entry->path, directory, prefix);
   std::memcpy(entry->path + prefix, shown, length);
   std::memcpy(entry->path + prefix + length, name, nameLength);
@@ -117,7 +119,7 @@ void seeModule(const dl_phdr_info& info) noexcept {
   if (entry == nullptr) return;
   entry->module = {entry->path, info.dlpi_addr, extent.start, extent.end, nullptr, 0};
   entry->seen = look;
-  for (const ElfW(Phdr)* header = info.dlpi_phdr; header != info.dlpi_phdr + info.dlpi_phnum; ++header) {
+  for (const Segment* header = info.dlpi_phdr; header != info.dlpi_phdr + info.dlpi_phnum; ++header) {
     const auto* address = reinterpret_cast<const char*>(info.dlpi_addr + header->p_vaddr);
     if (header->p_type == PT_NOTE && entry->module.buildId == nullptr)
       findBuildId(*entry, address, header->p_memsz);
@@ -145,7 +147,7 @@ void seeOtherNamespaces() noexcept {
       dl_phdr_info info = {};
       info.dlpi_addr = map->l_addr;
       info.dlpi_name = map->l_name;
-      info.dlpi_phdr = reinterpret_cast<const ElfW(Phdr)*>(map->l_addr + header->e_phoff);
+      info.dlpi_phdr = reinterpret_cast<const Segment*>(map->l_addr + header->e_phoff);
       info.dlpi_phnum = header->e_phnum;
       seeModule(info);
     }

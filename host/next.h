@@ -9,7 +9,7 @@
 #include <sys/types.h>
 #include <threads.h>
 
-namespace [[gnu::visibility("hidden")]] veskhost {
+namespace veskhost {
 
 struct Next {
   // Until the heap functions are looked up, functions that look them up: never null.
@@ -42,7 +42,7 @@ struct Next {
 };
 
 // Written once, by whichever call looks the functions up.
-extern constinit Next nextFunctions;
+[[gnu::visibility("hidden")]] extern constinit Next nextFunctions;
 
 // Looks all of them up, once; false while that goes on.
 bool findNext() noexcept;
@@ -54,4 +54,4 @@ inline const Next& next() noexcept {
   return nextFunctions;
 }
 
-} // namespace gnu::visibility("hidden")]]veskhost
+} // namespace veskhost

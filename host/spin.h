@@ -6,7 +6,7 @@
 
 #include <sched.h>
 
-namespace [[gnu::visibility("hidden")]] veskhost {
+namespace veskhost {
 
 class SpinLock {
 public:
@@ -38,4 +38,4 @@ private:
   SpinLock& lock_;
 };
 
-} // namespace gnu::visibility("hidden")]]veskhost
+} // namespace veskhost

@@ -95,7 +95,7 @@ std::filesystem::path findHost() {
   const std::filesystem::path here = std::filesystem::read_symlink("/proc/self/exe").parent_path();
   std::error_code ignored;
   for (const char* place : {".", "../lib", "../lib/x86_64-linux-gnu", "../lib64"}) {
-    const auto candidate = (here / place / "libveskhost.so").lexically_normal();
+    auto candidate = (here / place / "libveskhost.so").lexically_normal();
     if (std::filesystem::exists(candidate, ignored)) return candidate;
   }
   fail(kUsageError, "libveskhost.so is neither beside " + here.string() + "/veskrun nor in ../lib");
@@ -132,7 +132,7 @@ struct LinkToHost {
   std::string make(const std::string& host) {
     directory = "/tmp/veskrun-XXXXXX";
     if (mkdtemp(directory.data()) == nullptr) fail(kUsageError, directory + ": " + std::strerror(errno));
-    const std::string link = directory + "/libveskhost.so";
+    std::string link = directory + "/libveskhost.so";
     if (symlink(host.c_str(), link.c_str()) != 0) fail(kUsageError, link + ": " + std::strerror(errno));
     return link;
   }

@@ -5,32 +5,31 @@
  * needs nothing else. Commands come to one callback, one at a time, on a thread that the host engine makes
  * for the library (veskrt/runtime.h, __VeskSetThreadProcs).
  *
- *     static void onCommand(int code, int p1, int p2, int p3, int p4, unsigned char* payload, void* context)
- * { if (code == VESK_COMMAND_HEARTBEAT) flushFigures(context); else if (code == 1) writeSnapshot(context,
- * (const char*)payload);
+ *     static void onCommand(int code, int p1, int p2, int p3, int p4, unsigned char* payload, void* tool) {
+ *       if (code == VESK_COMMAND_HEARTBEAT) flushFigures(tool);
+ *       if (code == 1) writeSnapshot(tool, (const char*)payload);
  *     }
  *
- *     if (!__VeskRegisterCommandHandlerWithHeartbeat("/run/mytool", onCommand, &state, 60)) ...   // no
- * channel
+ *     if (!__VeskRegisterCommandHandlerWithHeartbeat("/run/mytool", onCommand, &tool, 60)) ...
  *     ...
- *     __VeskShutdownCommandHandler();                              // the thread has ended, or had a second
- * to
- *     __VeskUnregisterCommandHandler(VESKCMDHDLR_CLEAN_COMPLETE);  // nothing of the channel is left in the
- * system
+ *     __VeskShutdownCommandHandler();
+ *     __VeskUnregisterCommandHandler(VESKCMDHDLR_CLEAN_COMPLETE);
  *
  * The channel is three objects that live longer than a process which does not remove them: the lock file, a
  * System V shared memory segment and a System V semaphore set of one semaphore.
  *
- *     lock file "zvrcmds.dat" --segmentIdentifier--> segment: | initialised | pending | record 0 | ... |
- * record 4 | |                 --semaphoreKey-------> semaphore: posted once for each change
- *           +-- its flock guards `pending` and the records
+ *     lock file "zvrcmds.dat"
+ *     | segmentIdentifier | ----> | initialised | pending | record 0 | ... | record 4 |
+ *     | semaphoreKey      | ----> semaphore, posted after each change
+ *     its flock guards `pending` and the records
  *
  * A controlling process sends like this (the program veskctl does it for you):
- *   1. open the lock file, take flock(LOCK_EX), read a VeskCommandLockFile from offset 0; shmat, semget(key,
- * 1, 0);
- *   2. write its records from index `pending` on; then raise `pending`, with one store and never above 5. In
- * this order, a process killed at any point leaves either all of its batch or nothing;
- *   3. release the flock, then add 1 to the semaphore.
+ *   1. Open the lock file, take flock(LOCK_EX), read a VeskCommandLockFile from offset 0; find the segment
+ *      with shmat and the semaphore with semget(key, 1, 0).
+ *   2. Write records from index `pending` on. Then raise `pending`, with one store and never above 5: in this
+ *      order, a process killed at any point leaves either its whole batch or nothing.
+ *   3. Release the flock, then add 1 to the semaphore.
+ *
  * The collector takes the lock without waiting. If it is busy, the records wait for the next post: so whoever
  * has held the lock while commands were pending posts after its release. The callback runs without the lock,
  * on copies. */
@@ -57,10 +56,10 @@ typedef struct VeskCommandRecord {
 /* The shared memory segment, 21,868 bytes. */
 typedef struct VeskCommandSegment {
   uint32_t initialised; /* 1 once the collector has zeroed the segment; the collector never reads it */
-  int32_t pending; /* valid records, 0 to 5. Raised by controlling processes, zeroed by the collector, under
-                      the flock */
-  VeskCommandRecord
-      records[VESK_MAX_PENDING_COMMANDS]; /* the first `pending` are valid. Written under the flock */
+  /* Valid records, 0 to 5. Raised by controlling processes, zeroed by the collector, under the flock. */
+  int32_t pending;
+  /* The first `pending` are valid. Written by controlling processes, under the flock. */
+  VeskCommandRecord records[VESK_MAX_PENDING_COMMANDS];
 } VeskCommandSegment;
 
 /* The first 8 bytes of the lock file; what follows them means nothing. Written by the collector, under the
@@ -87,16 +86,18 @@ typedef enum _VESKCMDHDLRCLEANEXTENT {
   VESKCMDHDLR_CLEAN_PARTIAL = 1   /* the semaphore set and the lock file; the segment is removed */
 } _VESKCMDHDLRCLEANEXTENT;
 
-/* Creates the channel in `directory` ("" is the working directory) and starts the command thread. Returns 1;
- * 0 when
+/* Creates the channel in `directory` ("" is the working directory) and starts the command thread. Returns 1,
+ * or 0 with nothing of a channel left, after which registering may be tried again. It is 0 when
  *   - the host has not installed all four thread services, or cannot create the thread;
- *   - the directory is null, longer than the 4,096 bytes that its path to the lock file may have, or cannot
- * be written;
- *   - the callback is null, the system has no segment or semaphore set left, or this process has a channel
- * already. On 0 nothing of a channel is left, and registering may be tried again. Waits while another process
- * holds the lock file's flock. With `heartbeatSeconds` above 0, every such period without a post calls the
- * callback with VESK_COMMAND_HEARTBEAT; 0 means none; with a negative period the thread ends at once. The
- * lock file gets permission bits 0600 and is closed in programs that this process starts.
+ *   - the directory is null, cannot be written, or is too long: the lock file's path has 4,096 bytes;
+ *   - the callback is null;
+ *   - the system has no segment or semaphore set left;
+ *   - this process has a channel already.
+ *
+ * Waits while another process holds the lock file's flock. With `heartbeatSeconds` above 0, every such period
+ * without a post calls the callback with VESK_COMMAND_HEARTBEAT; 0 means none; with a negative period the
+ * thread ends at once. The lock file gets permission bits 0600 and is closed in programs that this process
+ * starts.
  *
  * After a complete shutdown and unregistration a process may register once more, but the new thread ends at
  * its first wake-up: a stopped handler stays stopped. */

@@ -16,6 +16,7 @@
 #include <new>
 
 #include "containers/hash_table_leaf.h"
+#include "containers/table_flags.h"
 #include "runtime/backoff.h"
 #include "runtime/shared_lock.h"
 #include "veskrt/memory.h"
@@ -26,20 +27,12 @@ std::uint64_t hashByKey(Table*, std::uint64_t key) { return key; }
 
 namespace {
 
-constexpr std::uint32_t kCategoryPosition = 8;
-constexpr std::uint32_t kCategoryMask = 0xFF;
-constexpr std::uint32_t kShiftPosition = 16;
-constexpr std::uint32_t kShiftMask = 0xF;
-
 // The largest array of which __VeskMalloc can be asked for; a leaf that is there grows no more.
 constexpr std::uint32_t kMaxBucketBits = 26;
 static_assert((sizeof(Bucket) << kMaxBucketBits) <= UINT32_MAX);
 
 std::uint64_t hashByNextBits(Table* table, std::uint64_t key) { return key >> table->bucketBits; }
 std::uint64_t hashByHighBits(Table* table, std::uint64_t key) { return key >> (3 * table->bucketBits); }
-
-std::uint32_t categoryOf(const Table& table) { return table.flags >> kCategoryPosition & kCategoryMask; }
-std::uint32_t shiftOf(const Table& table) { return table.flags >> kShiftPosition & kShiftMask; }
 
 // ---- Descent ----
 
@@ -75,7 +68,7 @@ Bucket& subTableBucket(Table& table, std::uint64_t key) {
 
 Table* createSubTable(const Table& table) {
   return __VeskCreateHashTable(table.flags, table.hashFunctions, table.level, table.compare, table.keyRelease,
-                               categoryOf(table), shiftOf(table));
+                               categoryOf(table.flags), slabShiftOf(table.flags));
 }
 
 Table* subTableFor(Table& table, std::uint64_t key) {
@@ -164,7 +157,7 @@ template <class Use>
 
 Bucket* createBuckets(const Table& table, std::int32_t count) {
   const auto bytes = static_cast<std::uint32_t>(sizeof(Bucket)) * static_cast<std::uint32_t>(count);
-  auto* const buckets = static_cast<Bucket*>(__VeskMalloc(categoryOf(table), bytes, 0));
+  auto* const buckets = static_cast<Bucket*>(__VeskMalloc(categoryOf(table.flags), bytes, 0));
   if (isUnlocked(table)) {
     for (Bucket* bucket = buckets; bucket != buckets + count; ++bucket) bucket->head = nullptr;
   } else {
@@ -202,7 +195,8 @@ Bucket* createBuckets(const Table& table, std::int32_t count) {
     grow(leaf);
     bucket = &leafBucket(leaf, key);
   }
-  auto* const entry = static_cast<Entry*>(__VeskMalloc(categoryOf(leaf), sizeof(Entry), shiftOf(leaf)));
+  auto* const entry =
+      static_cast<Entry*>(__VeskMalloc(categoryOf(leaf.flags), sizeof(Entry), slabShiftOf(leaf.flags)));
   Entry*& link =
       firstLink(*bucket); // only now: a memory collector inside the allocation may have removed entries
   entry->next = link;
@@ -266,7 +260,6 @@ VeskHashTable* __VeskCreateHashTable(uint32_t flags, const VeskHashFunction* has
   const std::uint32_t bits = (flags & VESK_HASH_TABLE_512_BUCKETS) != 0    ? 9
                              : (flags & VESK_HASH_TABLE_1024_BUCKETS) != 0 ? 10
                                                                            : 8;
-  constexpr std::uint32_t kPlaced = kCategoryMask << kCategoryPosition | kShiftMask << kShiftPosition;
   auto* const table = new (__VeskMalloc(category, sizeof(Table), 0)) Table{};
   table->hashFunctions[0] = hashByKey;
   table->hashFunctions[1] = hashByNextBits;
@@ -279,8 +272,7 @@ VeskHashTable* __VeskCreateHashTable(uint32_t flags, const VeskHashFunction* has
   table->bucketCount = 1 << bits;
   table->bucketBits = bits;
   table->level = levels - 1;
-  table->flags = (flags & ~kPlaced) | (category & kCategoryMask) << kCategoryPosition |
-                 (shift & kShiftMask) << kShiftPosition;
+  table->flags = tableFlags(flags, category, shift);
   table->buckets = createBuckets(*table, table->bucketCount);
   return table;
 }

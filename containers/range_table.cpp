@@ -17,6 +17,7 @@
 #include <utility>
 
 #include "containers/hash_table_leaf.h"
+#include "containers/table_flags.h"
 #include "veskrt/atomic.h"
 #include "veskrt/memory.h"
 
@@ -34,15 +35,12 @@ constexpr std::uint64_t kLowestSize = 32;
 constexpr std::uint64_t kTop = std::numeric_limits<std::uint64_t>::max();
 constexpr std::uint64_t kEntryMarker = kTop;
 
-constexpr std::uint32_t kCategoryPosition = 8;
-constexpr std::uint32_t kShiftPosition = 16;
-constexpr std::uint32_t kPlacedFlags = 0xFFF00; // category and shift
-constexpr std::uint32_t kLevelTableFlags = 6;   // unlocked
+constexpr std::uint32_t kLevelTableFlags = 6; // unlocked
 
 constexpr std::uint64_t sizeOf(std::uint32_t level) { return std::uint64_t{2} << level; }
 
-std::uint32_t categoryOf(const RangeTable& table) { return table.flags >> kCategoryPosition & 0xFF; }
-std::uint32_t shiftOf(const RangeTable& table) { return table.flags >> kShiftPosition & 0xF; }
+std::uint32_t categoryOf(const RangeTable& table) { return vesk::categoryOf(table.flags); }
+std::uint32_t shiftOf(const RangeTable& table) { return slabShiftOf(table.flags); }
 
 template <class T>
 T* allocate(const RangeTable& table, std::uint32_t shift, const T& value) {
@@ -347,8 +345,7 @@ RangeTable* __VeskCreateRangeTable(uint64_t span, uint32_t category, uint32_t sh
                                                                      .maxLevel = kMaxLevel,
                                                                      .destroyItem = destroyItem,
                                                                      .levels = nullptr};
-  table->flags =
-      (flags & ~kPlacedFlags) | (category & 0xFF) << kCategoryPosition | (shift & 0xF) << kShiftPosition;
+  table->flags = vesk::tableFlags(flags, category, shift);
   table->maxLevel = levelOf(*table, span);
   const std::uint32_t levels = table->maxLevel - kMinLevel + 1;
   table->levels = static_cast<VeskHashTable**>(

@@ -116,7 +116,8 @@ void listCollectors(const std::filesystem::path& directory) {
   for (const auto& entry : std::filesystem::directory_iterator(directory, ignored)) {
     std::string name = entry.path().filename();
     if (!name.starts_with(kCollectorPrefix) || !name.ends_with(kCollectorSuffix)) continue;
-    name = name.substr(kCollectorPrefix.size(), name.size() - kCollectorPrefix.size() - kCollectorSuffix.size());
+    name =
+        name.substr(kCollectorPrefix.size(), name.size() - kCollectorPrefix.size() - kCollectorSuffix.size());
     if (name != "host" && name != "rt") names.push_back(name);
   }
   std::sort(names.begin(), names.end());

@@ -36,7 +36,8 @@ constinit Path resultPath{};
 constinit Path partPath{};
 
 // A line on standard error, in one piece.
-template <class... Arguments> void tell(const char* format, Arguments... arguments) {
+template <class... Arguments>
+void tell(const char* format, Arguments... arguments) {
   Text<2 * PATH_MAX> line;
   line.append(format, arguments...);
   line.append("\n");
@@ -60,8 +61,9 @@ Options registerOptions() {
       .parser = parser,
       .out = __VeskRegisterPathOption(parser, "-out", "result file", "veskannotations.PID.xml", 0, 0, 1),
       .log = __VeskRegisterPathOption(parser, "-log", "log file", "veskannotations.PID.log", 0, 0, 1),
-      .definitions = __VeskRegisterPathOption(
-          parser, "-definitions", "file with definitions of modules without tables, repeatable", nullptr, 0, 1, 1)};
+      .definitions = __VeskRegisterPathOption(parser, "-definitions",
+                                              "file with definitions of modules without tables, repeatable",
+                                              nullptr, 0, 1, 1)};
   __VeskRegisterBooleanOption(parser, "-help", "this list", 0, 0, 1);
   return options;
 }
@@ -156,7 +158,8 @@ void describe(LocationText& text, const VESK_QEL_RECORD& record) {
   } else {
     text.append("unknown register");
   }
-  if (record.hasLocation != 0 && location.isRegister != 0 && location.offset != 0) text.append("%+d", location.offset);
+  if (record.hasLocation != 0 && location.isRegister != 0 && location.offset != 0)
+    text.append("%+d", location.offset);
 }
 
 std::uint64_t list(VESK_QEL_RECORD* record, std::uint64_t context) {
@@ -197,7 +200,8 @@ void listSection(const VeskHostModule& module, const common::ElfFile& file, Modu
                       "The annotation section of %s does not lie in the module; it is left out", module.path);
     return;
   }
-  __VeskQELParseAndProcessRecords(module.base, reinterpret_cast<const unsigned char*>(start), section.size, list, &walk);
+  __VeskQELParseAndProcessRecords(module.base, reinterpret_cast<const unsigned char*>(start), section.size,
+                                  list, &walk);
 }
 
 void moduleLoaded(const VeskHostModule* module) {
@@ -275,7 +279,8 @@ bool loadDefinitions(const Options& options) {
 
 } // namespace annotations
 
-extern "C" VESK_API int veskCollectorStart(std::uint32_t argc, const char* const* argv, VeskHostEvents* events) {
+extern "C" VESK_API int veskCollectorStart(std::uint32_t argc, const char* const* argv,
+                                           VeskHostEvents* events) {
   using namespace annotations;
   constexpr int kRefused = 2;
   const Options options = registerOptions();

@@ -11,7 +11,6 @@ std::uint32_t continuationBytes(unsigned char lead) {
   return 0;
 }
 
-
 } // namespace
 
 std::uint32_t characterLength(const char* text) {

@@ -9,7 +9,8 @@ namespace common {
 std::uint32_t characterLength(const char* text);
 
 // Appends with a '?' for every byte that the file cannot hold.
-template <std::uint32_t Size> void appendClean(Text<Size>& clean, const char* text) {
+template <std::uint32_t Size>
+void appendClean(Text<Size>& clean, const char* text) {
   while (*text != '\0') {
     const std::uint32_t length = characterLength(text);
     if (length == 0)

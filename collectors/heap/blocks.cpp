@@ -166,11 +166,13 @@ BlockWord takeBlock(const void* block) {
   return before;
 }
 
-Block openBlock(BlockWord word) {
+Block peekBlock(BlockWord word) {
   if ((word & kHuge) != 0) [[unlikely]]
-    return openHuge(word);
+    return *reinterpret_cast<const HugeBlock*>(word & ~kHuge);
   return {static_cast<std::uint32_t>(word & ((1u << kSiteBits) - 1)), word >> kSiteBits};
 }
+
+Block openBlock(BlockWord word) { return (word & kHuge) != 0 ? openHuge(word) : peekBlock(word); }
 
 void startBlocks(std::uint32_t blockCategory) { category = blockCategory; }
 

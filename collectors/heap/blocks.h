@@ -32,6 +32,7 @@ BlockWord putBlock(const void* address, Block block);
 BlockWord takeBlock(const void* address);
 void putBack(const void* address, BlockWord word);
 Block openBlock(BlockWord word);
+Block peekBlock(BlockWord word); // leaves it closed
 
 // Forgets every block, while no event runs.
 void forgetBlocks();

@@ -8,6 +8,7 @@
 #include "collectors/heap/accounts.h"
 #include "collectors/heap/backtrace.h"
 #include "collectors/heap/blocks.h"
+#include "collectors/heap/large_blocks.h"
 #include "collectors/heap/modules.h"
 #include "collectors/heap/report.h"
 #include "collectors/heap/result.h"
@@ -26,6 +27,7 @@ namespace {
 constinit Settings settings{};
 constinit Files files{};
 constinit std::uint32_t reportCategory = 0;
+constinit std::uint32_t invalidRelease = 0; // a message
 
 // ---- The state of a thread ----
 
@@ -57,6 +59,7 @@ Site& siteOfCall(const void* caller, ThreadState* thread) {
 // Enters a block. What is still there under its address has been given back without notice.
 void enter(const void* block, const Site& site, std::uint64_t bytes) {
   const BlockWord lost = putBlock(block, {site.stack->id, bytes});
+  addLargeBlock(block, {site.stack->id, bytes});
   if (lost == 0) [[likely]]
     return;
   const Block old = openBlock(lost);
@@ -80,19 +83,37 @@ void allocated(void* block, std::size_t bytes, VeskHeapFunction function, const 
   setLastBlock(thread, block);
 }
 
+// The block is older than the collector, or it is none. If it points into a block, the program is wrong, and about to be
+// told so by its allocator: the log then says which block it was.
+[[gnu::noinline]] void releasingUnknown(const void* block) {
+  LargeBlock around;
+  if (!findLargeBlock(block, around)) return;
+  Text<24> bytes;
+  bytes.append("%llu", static_cast<unsigned long long>(around.bytes));
+  __VeskLogInternal(VESKLOG_SEVERITY_WARNING, invalidRelease, 0, VESKLOG_ARG_POINTER, block,
+                    VESKLOG_ARG_POINTER, reinterpret_cast<void*>(around.start), VESKLOG_ARG_STRING,
+                    bytes.text(), VESKLOG_ARG_INT, static_cast<int>(around.site));
+}
+
 void releasing(void* block, const void* /*caller*/) {
   ThreadState* thread = thisThread();
   const bool temporary = isTemporary(thread, block);
   setLastBlock(thread, nullptr);
   const BlockWord word = takeBlock(block);
-  if (word == 0) return; // older than the collector
+  if (word == 0) [[unlikely]]
+    return releasingUnknown(block);
   const Block old = openBlock(word);
+  removeLargeBlock(block, old.bytes);
   accountRelease(siteById(old.site), old.bytes, temporary);
 }
 
 // The block is taken out beforehand: once the program's allocator has it, its address may be another
 // thread's.
-std::uint64_t reallocating(void* oldBlock, const void* /*caller*/) { return takeBlock(oldBlock); }
+std::uint64_t reallocating(void* oldBlock, const void* /*caller*/) {
+  const BlockWord word = takeBlock(oldBlock);
+  if (word != 0) removeLargeBlock(oldBlock, peekBlock(word).bytes);
+  return word;
+}
 
 void reallocated(std::uint64_t token, void* oldBlock, void* newBlock, std::size_t bytes, int released,
                  VeskHeapFunction function, const void* caller) {
@@ -100,7 +121,10 @@ void reallocated(std::uint64_t token, void* oldBlock, void* newBlock, std::size_
   ThreadState* thread = thisThread();
   if (failed) {
     setLastBlock(thread, nullptr);
-    if (token != 0) putBack(oldBlock, token);
+    if (token != 0) {
+      addLargeBlock(oldBlock, peekBlock(token));
+      putBack(oldBlock, token);
+    }
     return;
   }
   const bool temporary = isTemporary(thread, oldBlock);
@@ -132,6 +156,14 @@ void threadEnded(std::uint32_t /*threadId*/) {
   own = {nullptr, true};
 }
 
+// Points into a live block: its start, its size and the stack that took it.
+void registerMessages() {
+  static constexpr const char* kArguments[] = {"address", "block", "bytes", "stack", nullptr};
+  const LogMessageDefinition definition = {"INVALID_RELEASE", kArguments, 0,
+                                           __VeskGetLoggerHandle("veskheap")};
+  invalidRelease = __VeskRegisterLogMessage2(&definition);
+}
+
 void logStart() {
   __VeskLogInternal(VESKLOG_SEVERITY_INFO, VESKLOG_MSG_COMMENT, 0, "Program: %s", veskHostProgramPath());
   logSettings(files);
@@ -140,6 +172,7 @@ void logStart() {
 // The child counts from zero, and what it has inherited is older than its collector.
 void forkedInChild() {
   forgetBlocks();
+  forgetLargeBlocks();
   clearSites();
   restartAccounts();
   if (own.state != nullptr) own.state->lastBlock = nullptr;
@@ -206,6 +239,7 @@ bool createFiles() {
 void startParts() {
   reportCategory = __VeskRegisterMemoryCategory("HEAP_REPORT");
   startBlocks(__VeskRegisterMemoryCategory("HEAP_BLOCKS"));
+  startLargeBlocks(__VeskRegisterMemoryCategory("HEAP_LARGE_BLOCKS"));
   startModules(__VeskRegisterMemoryCategory("HEAP_MODULES"));
   startStacks({.stacks = __VeskRegisterMemoryCategory("HEAP_STACKS"),
                .sites = __VeskRegisterMemoryCategory("HEAP_SITES"),
@@ -233,6 +267,7 @@ extern "C" VESK_API int veskCollectorStart(std::uint32_t argc, const char* const
   }
   nameFiles(files, settings);
   if (!createFiles()) return kRefused;
+  registerMessages();
   logStart();
   startParts();
   events->allocated = allocated;

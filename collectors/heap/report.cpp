@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "veskrt/memory.h"
+#include "veskrt/tree.h"
 
 namespace heap {
 
@@ -34,6 +35,28 @@ void copySamples(Report& report, const StillAccounts& accounts) {
                                           report.totals.liveBlocks, report.totals.calls};
 }
 
+std::int32_t compareSites(std::uint64_t left, std::uint64_t right) {
+  const auto& site = *reinterpret_cast<const ReportedSite*>(left);
+  const auto& other = *reinterpret_cast<const ReportedSite*>(right);
+  return comesBefore(site, other) ? -1 : comesBefore(other, site) ? 1 : 0;
+}
+
+// Through a tree, whose keys are the sites where they lie.
+void orderSites(Report& report, std::uint32_t category) {
+  RedBlackTree* const tree = __VeskCreateRedBlackTree(category, compareSites, nullptr, nullptr);
+  for (std::uint32_t i = 0; i < report.siteCount; ++i) {
+    __VeskInsertRedBlackEntry(tree, reinterpret_cast<std::uint64_t>(&report.sites[i]), i);
+  }
+  auto* const ordered = newArray<ReportedSite>(category, report.siteCount);
+  ReportedSite* to = ordered;
+  const RedBlackEntry* entry = tree->root;
+  while (entry != tree->nil && entry->left != tree->nil) entry = entry->left;
+  for (; entry != tree->nil; entry = entry->next) *to++ = report.sites[entry->item];
+  __VeskDestroyRedBlackTree(tree);
+  __VeskFree(report.sites);
+  report.sites = ordered;
+}
+
 } // namespace
 
 Report takeReport(std::uint32_t category) {
@@ -48,7 +71,7 @@ Report takeReport(std::uint32_t category) {
     copySites(report, stacks, accounts);
     copySamples(report, accounts);
   }
-  std::sort(report.sites, report.sites + report.siteCount, comesBefore);
+  orderSites(report, category);
   return report;
 }
 

@@ -7,9 +7,9 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include "collectors/heap/modules.h"
 #include "collectors/common/elf_file.h"
 #include "collectors/common/text.h"
+#include "collectors/heap/modules.h"
 #include "veskrt/memory.h"
 
 namespace heap {
@@ -102,7 +102,9 @@ public:
 
 private:
   static constexpr std::uint32_t kFiles = 64;
-  common::ElfFile& file(std::uint32_t i) { return *std::launder(reinterpret_cast<common::ElfFile*>(&files_[i])); }
+  common::ElfFile& file(std::uint32_t i) {
+    return *std::launder(reinterpret_cast<common::ElfFile*>(&files_[i]));
+  }
 
   std::uint32_t count_ = 0;
   std::uint32_t modules_[kFiles];

@@ -27,7 +27,8 @@ VESK_BEGIN_DECLS
 
 typedef struct QueueNode {
   uint64_t value;
-  struct QueueNode* next; /* null in the last node; set by a producer under the tail lock, else under the head lock */
+  struct QueueNode*
+      next; /* null in the last node; set by a producer under the tail lock, else under the head lock */
 } QueueNode;
 
 typedef struct Queue {
@@ -36,8 +37,8 @@ typedef struct Queue {
   QueueNode dummy;       /* its next is the first node; its value means nothing; under the head lock */
   VeskSpinLock headLock; /* held by consumers; spin count 0 */
   VeskSpinLock tailLock; /* held by producers; spin count 0 */
-  uint32_t flags;        /* those given at creation, with the memory category in bits 4 to 11; never changes */
-  uint32_t queueFlag;    /* the caller's own, 0 at first; nothing here reads it */
+  uint32_t flags;     /* those given at creation, with the memory category in bits 4 to 11; never changes */
+  uint32_t queueFlag; /* the caller's own, 0 at first; nothing here reads it */
 } Queue;
 
 /* Returns exactly 1 for a value to be selected, anything else for another. Runs under the head lock and may not use the

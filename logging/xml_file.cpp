@@ -2,6 +2,7 @@
 // hands them to the stream. A caller who writes without holding the file has each piece handed over at once.
 #include "logging/xml_file.h"
 
+#include <algorithm>
 #include <charconv>
 #include <cstring>
 #include <string_view>
@@ -42,7 +43,7 @@ void handOver(VeskXMLFile& file) {
   file.pendingSize = static_cast<std::uint32_t>(text.size());
 }
 
-void put(VeskXMLFile& file, std::string_view text) {
+[[gnu::always_inline]] inline void put(VeskXMLFile& file, std::string_view text) {
   if (text.size() > VeskXMLFile::kPendingSize - file.pendingSize) [[unlikely]] {
     return putBeyondPending(file, text);
   }
@@ -50,8 +51,21 @@ void put(VeskXMLFile& file, std::string_view text) {
   file.pendingSize += static_cast<std::uint32_t>(text.size());
 }
 
-void put(VeskXMLFile& file, const char* text) {
-  if (text != nullptr) put(file, std::string_view(text));
+// Tags and quotes are a store or two in the caller, texts a call.
+template <std::size_t N>
+[[gnu::always_inline]] inline void put(VeskXMLFile& file, const char (&literal)[N]) {
+  put(file, std::string_view(literal, N - 1));
+}
+
+// Names and attribute values are short: copied byte by byte sooner than measured.
+[[gnu::noinline]] void putText(VeskXMLFile& file, const char* text) {
+  if (text == nullptr) return;
+  char* out = file.pending + file.pendingSize;
+  char* const end = file.pending + VeskXMLFile::kPendingSize;
+  while (*text != '\0' && out != end) *out++ = *text++;
+  file.pendingSize = static_cast<std::uint32_t>(out - file.pending);
+  if (*text != '\0') [[unlikely]]
+    putBeyondPending(file, text);
 }
 
 void finishPiece(VeskXMLFile& file) {
@@ -72,22 +86,27 @@ void putHexadecimal(VeskXMLFile& file, std::uint64_t value) {
 }
 
 void putNewLine(VeskXMLFile& file) {
-  static constexpr std::string_view kTabs = "\t\t\t\t\t\t\t\t";
-  put(file, "\n");
-  std::uint32_t left = file.depth;
-  for (; left > kTabs.size(); left -= kTabs.size()) put(file, kTabs);
-  put(file, kTabs.substr(0, left));
+  static constexpr std::string_view kLine = "\n\t\t\t\t\t\t\t\t";
+  static constexpr std::string_view kTabs = kLine.substr(1);
+  const std::uint32_t depth = file.depth;
+  if (depth <= kTabs.size()) [[likely]]
+    return put(file, kLine.substr(0, depth + 1));
+  put(file, kLine);
+  for (std::uint32_t left = depth - kTabs.size(); left > 0;
+       left -= std::min<std::uint32_t>(left, kTabs.size())) {
+    put(file, kTabs.substr(0, left));
+  }
 }
 
 void putOpening(VeskXMLFile& file, const char* name) {
   putNewLine(file);
   put(file, "<");
-  put(file, name);
+  putText(file, name);
 }
 
 void putClosing(VeskXMLFile& file, const char* name) {
   put(file, "</");
-  put(file, name);
+  putText(file, name);
   put(file, ">");
 }
 
@@ -116,36 +135,33 @@ std::string_view entityOf(char character) {
   }
 }
 
-// What ends a run of bytes that are copied as they are: the five characters with an entity, and the
-// terminator.
-struct RunEndTable {
+// The terminator and the five characters that have an entity.
+struct SpecialTable {
   bool at[256] = {};
 
-  constexpr RunEndTable() {
+  constexpr SpecialTable() {
     for (const char c : std::string_view("\0\"&'<>", 6)) at[static_cast<unsigned char>(c)] = true;
   }
 };
 
-constexpr RunEndTable kRunEnds;
+constexpr SpecialTable kSpecial;
 
 // Builds the escaped value in the scratch buffer, cut before the first character or entity that does not fit.
 std::string_view escape(VeskXMLFile& file, const char* value) {
-  char* const out = file.scratch;
-  std::size_t used = 0;
-  for (;;) {
-    const std::size_t room = kLongestValue - used;
-    std::size_t run = 0;
-    while (run < room && !kRunEnds.at[static_cast<unsigned char>(value[run])]) ++run;
-    std::memcpy(out + used, value, run);
-    used += run;
-    value += run;
-    const std::string_view entity = entityOf(*value);
-    if (entity.empty() || entity.size() > kLongestValue - used) break;
-    std::memcpy(out + used, entity.data(), entity.size());
-    used += entity.size();
-    ++value;
+  char* out = file.scratch;
+  char* const end = out + kLongestValue;
+  for (;; ++value) {
+    if (kSpecial.at[static_cast<unsigned char>(*value)]) [[unlikely]] {
+      const std::string_view entity = entityOf(*value);
+      if (entity.empty() || entity.size() > static_cast<std::size_t>(end - out)) break;
+      std::memcpy(out, entity.data(), entity.size());
+      out += entity.size();
+    } else {
+      if (out == end) break;
+      *out++ = *value;
+    }
   }
-  return {out, used};
+  return {file.scratch, static_cast<std::size_t>(out - file.scratch)};
 }
 
 void putEscaped(VeskXMLFile& file, const char* value) {
@@ -180,7 +196,7 @@ void putElement(VeskXMLFile& file, const char* name, Content content) {
 template <class Content>
 void putAttribute(VeskXMLFile& file, const char* name, Content content) {
   put(file, " ");
-  put(file, name);
+  putText(file, name);
   put(file, "='");
   content();
   put(file, "'");
@@ -306,7 +322,7 @@ void __VeskXMLWriteIntegerAttribute(VeskXMLFile* file, const char* name, int32_t
 
 void __VeskXMLWriteStringAttribute(VeskXMLFile* file, const char* name, const char* value) {
   if (file == nullptr) return;
-  putAttribute(*file, name, [&] { put(*file, value); });
+  putAttribute(*file, name, [&] { putText(*file, value); });
 }
 
 void __VeskXMLWriteHexadecimalAttribute(VeskXMLFile* file, const char* name, uint64_t value) {

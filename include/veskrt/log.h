@@ -15,7 +15,9 @@
  * 7);
  *     __VeskLogInternal(VESKLOG_SEVERITY_INFO, VESKLOG_MSG_COMMENT, 0, "read %d files", 3);
  *
- * May be called from any thread, also with locks of the memory manager held. */
+ * May be called from any thread, also with locks of the memory manager held. A child process that fork made
+ * goes on logging to the same file. A record that a thread writes from inside a record (from a signal
+ * handler) is dropped. */
 #ifndef VESKRT_LOG_H
 #define VESKRT_LOG_H
 
@@ -84,7 +86,8 @@ VESK_API int __VeskCreateLogger(const char* source, const char* path, int append
 /* Makes sure the log's stream works, reopening the file if it does not. Returns 1 if it works, else 0. */
 VESK_API int __VeskReopenLogger(void);
 
-/* Writes the closing tag and flushes. The file stays open, and later records follow the tag. */
+/* Writes the closing tag and flushes. The file stays open, and later records follow the tag. Nothing without
+ * a log. */
 VESK_API void __VeskCloseLogger(void);
 
 /* Writes one record. What follows `suppressDisplay` (nonzero adds display='false') depends on the message

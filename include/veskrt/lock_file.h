@@ -62,8 +62,7 @@ VESK_API int __VeskCloseLockFile(int descriptor);
  *
  * That the program could not be started shows only in the child: it logs "failed to launch process ..." and
  * ends with status VESK_LAUNCH_FAILED_STATUS, running no exit handler and flushing no stream of this process.
- * If another thread was writing the log at that very moment, the child cannot log, and dies of SIGALRM after
- * a few seconds instead. Create the log first: a child that finds none creates the default one anew. */
+ * Create the log first: a child that finds none creates the default one anew. */
 VESK_API int32_t __VeskCreateProcess(char** argv);
 
 VESK_END_DECLS

@@ -42,20 +42,40 @@ inline void await(const std::function<bool()>& condition) {
   while (!condition()) usleep(200);
 }
 
-// However its process ends, no System V object of a channel below the working directory outlives it: a second
-// process waits for its end, and removes what lock files lead to.
+// However its process ends, no System V object of a channel below the working directory outlives it: another
+// process waits for its end, and removes what lock files lead to. That one is no descendant, since what kills
+// a test kills its whole tree.
 class ChannelTest : public testing::Test {
 protected:
   ChannelTest() {
-    int ends[2];
-    if (pipe2(ends, O_CLOEXEC) != 0) std::abort();
-    sweeper_ = fork();
-    close(ends[sweeper_ == 0 ? 1 : 0]);
-    pipe_ = ends[1];
-    if (sweeper_ != 0) return;
-    setpgid(0, 0); // what ends the test's process group must not end this
+    int watched[2], swept[2];
+    if (pipe2(watched, O_CLOEXEC) != 0 || pipe2(swept, O_CLOEXEC) != 0) std::abort();
+    const pid_t launcher = fork();
+    if (launcher == 0) {
+      if (fork() != 0) _exit(0);
+      setsid();
+      close(watched[1]);
+      sweepAfter(watched[0]);
+      _exit(0);
+    }
+    statusOf(launcher);
+    close(watched[0]);
+    close(swept[1]);
+    watched_ = watched[1];
+    swept_ = swept[0];
+    alarm(200); // a test that waits for what does not come
+  }
+  ~ChannelTest() override {
+    close(watched_);
     char byte;
-    while (read(ends[0], &byte, 1) > 0) {
+    while (read(swept_, &byte, 1) > 0) {
+    }
+  }
+
+private:
+  static void sweepAfter(int watched) {
+    char byte;
+    while (read(watched, &byte, 1) > 0) {
     }
     for (const auto& each : std::filesystem::recursive_directory_iterator(".")) {
       VeskCommandLockFile names{-1, -1};
@@ -64,20 +84,15 @@ protected:
       shmctl(names.segmentIdentifier, IPC_RMID, nullptr);
       semctl(semget(names.semaphoreKey, 1, 0), 0, IPC_RMID);
     }
-    _exit(0);
-  }
-  ~ChannelTest() override {
-    close(pipe_);
-    statusOf(sweeper_);
   }
 
-private:
-  int pipe_;
-  pid_t sweeper_;
+  int watched_;
+  int swept_;
 };
 
 inline std::int32_t checksum(int code, int index, int size, const void* payload) {
-  std::uint32_t hash = static_cast<std::uint32_t>(code * 31 + index * 7 + size);
+  std::uint32_t hash = static_cast<std::uint32_t>(code) * 31 + static_cast<std::uint32_t>(index) * 7 +
+                       static_cast<std::uint32_t>(size);
   for (int i = 0; i < VESK_COMMAND_PAYLOAD_SIZE; ++i) {
     hash = (hash ^ static_cast<const unsigned char*>(payload)[i]) * 16777619u;
   }

@@ -246,6 +246,11 @@ void destroyChain(const Table& leaf, Entry* entry, VeskHashDataRelease dataRelea
   }
 }
 
+std::uint32_t startingBits(std::uint32_t flags) {
+  if ((flags & VESK_HASH_TABLE_512_BUCKETS) != 0) return 9;
+  return (flags & VESK_HASH_TABLE_1024_BUCKETS) != 0 ? 10 : 8;
+}
+
 } // namespace
 
 } // namespace vesk::hash_table
@@ -257,9 +262,7 @@ VeskHashTable* __VeskCreateHashTable(uint32_t flags, const VeskHashFunction* has
                                      VeskHashKeyCompare compare, VeskHashKeyRelease keyRelease,
                                      uint32_t category, uint32_t shift) {
   levels = std::clamp(levels, 1, VESK_HASH_TABLE_MAX_LEVELS);
-  const std::uint32_t bits = (flags & VESK_HASH_TABLE_512_BUCKETS) != 0    ? 9
-                             : (flags & VESK_HASH_TABLE_1024_BUCKETS) != 0 ? 10
-                                                                           : 8;
+  const std::uint32_t bits = startingBits(flags);
   auto* const table = new (__VeskMalloc(category, sizeof(Table), 0)) Table{};
   table->hashFunctions[0] = hashByKey;
   table->hashFunctions[1] = hashByNextBits;

@@ -179,7 +179,8 @@ std::uint64_t peek(Queue* queue, VeskQueuePredicate predicate, std::uint32_t arg
 using namespace vesk;
 
 Queue* __VeskCreateQueue(uint32_t flags, uint32_t category) {
-  auto* const record = new (__VeskMalloc(category, sizeof(Record), 0)) Record{};
+  void* const memory = __VeskMalloc(category, sizeof(Record), 0);
+  auto* const record = new (memory) Record{};
   Queue* const queue = &record->queue;
   queue->head = &queue->dummy;
   queue->tail = &queue->dummy;

@@ -71,10 +71,11 @@ std::uint64_t hashOfLevel(VeskHashTable*, std::uint64_t key) {
 }
 
 // By relative level; shifts 1 to 27.
-constexpr auto kHashFunctions = []<std::size_t... I>(std::index_sequence<I...>) {
-  return std::array<VeskHashFunction, sizeof...(I)>{hashOfLevel<static_cast<std::uint32_t>(I + 1)>...};
+template <std::size_t... I>
+constexpr std::array<VeskHashFunction, sizeof...(I)> hashFunctions(std::index_sequence<I...>) {
+  return {hashOfLevel<static_cast<std::uint32_t>(I + 1)>...};
 }
-(std::make_index_sequence<27>());
+constexpr auto kHashFunctions = hashFunctions(std::make_index_sequence<27>());
 
 VeskHashTable*& levelTable(const RangeTable& table, std::uint32_t level) {
   return table.levels[level - kMinLevel];

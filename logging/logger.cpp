@@ -320,7 +320,7 @@ int32_t __VeskGetLoggerHandle(const char* name) {
 }
 
 int __VeskReleaseLoggerHandle(int32_t handle, const char* name) {
-  if (name == nullptr || handle <= 0 || handle >= loggerHandleCount()) return 0;
+  if (name == nullptr || handle <= 0 || handle >= kMostHandles || handle >= loggerHandleCount()) return 0;
   const char* stored;
   {
     ScopedLog log;

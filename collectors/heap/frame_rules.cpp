@@ -362,7 +362,7 @@ const std::uint8_t* findRecord(const std::uint8_t* header, std::uint64_t address
   const std::uint8_t* entries = cursor.position();
   const auto base = reinterpret_cast<std::uint64_t>(header);
   const auto value = [&](std::uint32_t index, std::uint32_t field) {
-    std::int32_t offset;
+    std::int32_t offset = 0;
     std::memcpy(&offset, entries + std::uint64_t{index} * 8 + field * 4, sizeof offset);
     return base + static_cast<std::uint64_t>(static_cast<std::int64_t>(offset));
   };

@@ -98,7 +98,7 @@ TEST(ProcessLaunch, AFailedChildLogsAndIsNoSecondParent) {
     for (std::size_t at = 0; (at = log.find(text, at)) != std::string::npos; ++at) ++records;
     std::printf("%d failed, %d logged", failed, records);
   });
-  EXPECT_EQ(result.output, "written once;50 failed, 50 logged");
+  EXPECT_EQ(result.output, "written once;100 failed, 100 logged");
 }
 
 } // namespace

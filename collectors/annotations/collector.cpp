@@ -77,7 +77,7 @@ bool takesFile(const char* argument) {
 
 // Tells what is wrong with the first argument that is: the library's parser says so in the log only.
 bool acceptArguments(std::uint32_t argc, const char* const* argv) {
-  for (std::uint32_t i = 0; i < argc; ++i) {
+  for (std::uint32_t i = 0; i < argc; i += 2) {
     if (!takesFile(argv[i])) {
       tell("veskannotations: '%s' is not an option (-help lists the options)", argv[i]);
       return false;
@@ -86,7 +86,6 @@ bool acceptArguments(std::uint32_t argc, const char* const* argv) {
       tell("veskannotations: option %s needs the name of a file (-help lists the options)", argv[i]);
       return false;
     }
-    ++i;
   }
   return true;
 }

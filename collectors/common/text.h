@@ -32,7 +32,7 @@ public:
 
 private:
   std::uint32_t length_ = 0;
-  char text_[Size] = "";
+  char text_[Size] = {};
 };
 
 } // namespace common

@@ -31,10 +31,13 @@ struct List {
   }
 
 private:
+  static constexpr std::size_t kItemSize =
+      sizeof(T); // NOLINT(bugprone-sizeof-expression): T may be a pointer
+
   void grow() {
     capacity = capacity == 0 ? 64 : 2 * capacity;
     auto* bigger =
-        static_cast<T*>(__VeskMalloc(category, static_cast<std::uint32_t>(capacity * sizeof(T)), 0));
+        static_cast<T*>(__VeskMalloc(category, static_cast<std::uint32_t>(capacity * kItemSize), 0));
     std::copy(items, items + count, bigger);
     __VeskFree(items);
     items = bigger;

@@ -31,24 +31,24 @@ namespace {
 
 using namespace std::chrono_literals;
 
-// Yields while an answer is likely within the collector's next time slice, then sleeps ever longer.
+// Yields while an answer may be there at any moment, then sleeps ever longer. On a busy machine a yield costs
+// other processes' time slices, so the yielding ends by the clock: a sleeper is served sooner.
 class Pause {
 public:
   void take() {
-    if (++taken_ <= kYields) {
+    if (std::chrono::steady_clock::now() < endOfYielding_) {
       std::this_thread::yield();
       return;
     }
     std::this_thread::sleep_for(sleep_);
     sleep_ = std::min<std::chrono::microseconds>(sleep_ * 2, kLongestSleep);
   }
-  // True now and then, once sleeps have become long: time to look after more than the awaited word.
+  // Sleeps have become long: time to look after more than the awaited word.
   bool isLong() const { return sleep_ >= kLongestSleep; }
 
 private:
-  static constexpr int kYields = 200;
   static constexpr std::chrono::microseconds kLongestSleep = 5ms;
-  int taken_ = 0;
+  std::chrono::steady_clock::time_point endOfYielding_ = std::chrono::steady_clock::now() + 100us;
   std::chrono::microseconds sleep_ = 50us;
 };
 

@@ -103,11 +103,9 @@ inline std::int32_t checksum(int code, int index, int size, const void* payload)
 inline std::vector<veskctl::Command> numberedBatch(int firstCode, int size, int sender = 0) {
   std::vector<veskctl::Command> batch(size);
   for (int i = 0; i < size; ++i) {
-    std::string& payload = batch[i].payload;
-    for (int at = 0; at < VESK_COMMAND_PAYLOAD_SIZE; ++at)
-      payload += static_cast<char>((firstCode + i + at) | 1);
     batch[i].code = firstCode + i;
-    batch[i].parameters = {i, size, checksum(firstCode + i, i, size, payload.data()), sender};
+    batch[i].payload.assign(VESK_COMMAND_PAYLOAD_SIZE, static_cast<char>(batch[i].code % 255 + 1));
+    batch[i].parameters = {i, size, checksum(batch[i].code, i, size, batch[i].payload.data()), sender};
   }
   return batch;
 }

@@ -63,7 +63,7 @@ TEST_F(CommandSending, TheProgramSendsShowsAndTellsWhy) {
 }
 
 TEST_F(CommandSending, ManyCommandsFromTwoProcessesArriveInOrder) {
-  constexpr std::int32_t kBatches = 1500;
+  constexpr std::int32_t kBatches = 1000;
   CollectorProcess collector;
   const auto sendAll = [&](std::int32_t sender) {
     CommandChannel channel("");

@@ -63,7 +63,7 @@ protected:
     close(swept[1]);
     watched_ = watched[1];
     swept_ = swept[0];
-    alarm(200); // a test that waits for what does not come
+    alarm(270); // a test that waits for what does not come
   }
   ~ChannelTest() override {
     close(watched_);

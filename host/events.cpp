@@ -61,17 +61,17 @@ void passIn() noexcept {
 
 void passOut() noexcept { ownCounter().inside.fetch_sub(1); }
 
-bool nobodyInside() noexcept {
+std::uint32_t threadsInside() noexcept {
   std::uint32_t inside = 0;
   for (const Counter& counter : counters) inside += counter.inside.load();
-  return inside == 0;
+  return inside;
 }
 
-// Waits until nobody is inside; false when that takes too long.
-bool waitUntilQuiet(std::uint64_t milliseconds) noexcept {
-  if (nobodyInside()) return true;
+// Waits until nobody is inside, or only the caller; false when that takes too long.
+bool waitUntilQuiet(std::uint64_t milliseconds, std::uint32_t callers = 0) noexcept {
+  if (threadsInside() == callers) return true;
   const std::uint64_t deadline = nowMilliseconds() + milliseconds;
-  while (!nobodyInside()) {
+  while (threadsInside() != callers) {
     if (nowMilliseconds() >= deadline) return false;
     sched_yield();
   }
@@ -222,3 +222,23 @@ void observedForkInChild() noexcept {
 }
 
 } // namespace veskhost
+
+using namespace veskhost;
+
+int veskHostBeginWork() {
+  passIn();
+  if (listener.load() != &kNobody) return 1;
+  passOut();
+  return 0;
+}
+
+void veskHostEndWork() { passOut(); }
+
+int veskHostHoldEvents(std::uint32_t milliseconds) {
+  closed.fetch_add(1);
+  if (waitUntilQuiet(milliseconds, 1)) return 1;
+  closed.fetch_sub(1);
+  return 0;
+}
+
+void veskHostReleaseEvents() { closed.fetch_sub(1); }

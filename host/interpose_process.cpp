@@ -58,6 +58,18 @@ void tellExec() noexcept {
   if (event->processEnding != nullptr) event->processEnding(VESK_END_EXEC, 0);
 }
 
+// Calls execute(), which returns only if it fails.
+template <class Execute>
+int tellingExec(Execute execute) noexcept {
+  tellExec();
+  const int result = execute();
+  if (isOwnProcess() && hears(&VeskHostEvents::execFailed)) {
+    Event event;
+    if (event->execFailed != nullptr) event->execFailed();
+  }
+  return result;
+}
+
 [[noreturn]] void leave(int status) noexcept {
   processEnds(VESK_END_QUICK, status);
   next().exit(status);
@@ -65,13 +77,11 @@ void tellExec() noexcept {
 }
 
 int executePath(const char* path, char* const* arguments, char* const* environment) noexcept {
-  tellExec();
-  return next().execve(path, arguments, ChildEnvironment(environment));
+  return tellingExec([=] { return next().execve(path, arguments, ChildEnvironment(environment)); });
 }
 
 int executeFile(const char* file, char* const* arguments, char* const* environment) noexcept {
-  tellExec();
-  return next().execvpe(file, arguments, ChildEnvironment(environment));
+  return tellingExec([=] { return next().execvpe(file, arguments, ChildEnvironment(environment)); });
 }
 
 // Calls execute(arguments) with the arguments of a list, which is left behind the null that ends them. They
@@ -144,13 +154,12 @@ VESK_API int execvp(const char* file, char* const* arguments) noexcept {
 
 VESK_API int execveat(int directory, const char* path, char* const* arguments, char* const* environment,
                       int flags) noexcept {
-  tellExec();
-  return next().execveat(directory, path, arguments, ChildEnvironment(environment), flags);
+  return tellingExec(
+      [=] { return next().execveat(directory, path, arguments, ChildEnvironment(environment), flags); });
 }
 
 VESK_API int fexecve(int file, char* const* arguments, char* const* environment) noexcept {
-  tellExec();
-  return next().fexecve(file, arguments, ChildEnvironment(environment));
+  return tellingExec([=] { return next().fexecve(file, arguments, ChildEnvironment(environment)); });
 }
 
 VESK_API int execl(const char* path, const char* first, ...) noexcept {

@@ -96,6 +96,9 @@ typedef struct VeskHostEvents {
    * handler ends the program in the middle of a callback, this runs on an internal thread and has two
    * seconds. */
   void (*processEnding)(VeskProcessEnd how, int status);
+
+  /* The exec that processEnding has told of has failed: the program goes on. */
+  void (*execFailed)(void);
 } VeskHostEvents;
 
 /* The collector's entry, called before the program's own code: the library is started, options are argv[0] to
@@ -115,6 +118,18 @@ VESK_API const char* veskHostProgramPath(void);
  * library starts for it in system() and popen(). */
 VESK_API int veskHostFollowsChildren(void);
 VESK_API void veskHostSetFollowChildren(int follow);
+
+/* A thread of the collector's own (the command thread, veskrt/command_handler.h) encloses its work on what
+ * the events work on: a fork and the end of the program then wait for it, two seconds at most, as they do for
+ * a callback, and it waits while a fork is under way. Returns 1; 0 when the program is ending: then the work
+ * is not to be done and not to be ended. */
+VESK_API int veskHostBeginWork(void);
+VESK_API void veskHostEndWork(void);
+
+/* During such work: holds every event back. Returns 1 once no other thread is inside a callback; 0, with the
+ * events going on, when that takes longer than `milliseconds`. A realloc may be between its two events. */
+VESK_API int veskHostHoldEvents(uint32_t milliseconds);
+VESK_API void veskHostReleaseEvents(void);
 
 VESK_END_DECLS
 

@@ -15,10 +15,11 @@ constexpr std::uint32_t kPageBits = 12;
 constexpr std::uint32_t kGranuleBits = 4; // what allocators align to, with few exceptions
 constexpr std::uint32_t kGranules = 1u << (kPageBits - kGranuleBits);
 
-// bit 63 clear:  bytes << 24 | site          (below 512 GiB)
+// bit 63 clear:  bytes << 24 | site          (below 4 GiB)
 // bit 63 set:    address of a HugeBlock
 constexpr std::uint64_t kHuge = std::uint64_t{1} << 63;
-constexpr std::uint64_t kPackedBytesEnd = std::uint64_t{1} << (63 - kSiteBits);
+constexpr std::uint64_t kPackedBytesEnd = std::uint64_t{1} << (kStampShift - kSiteBits);
+static_assert(kStampShift + kStampBits == 63);
 
 using HugeBlock = Block;
 
@@ -178,12 +179,17 @@ void startBlocks(std::uint32_t blockCategory) { category = blockCategory; }
 
 void forgetBlocks() {
   for (Shard& shard : shards) {
-    const auto freePage = [](void* page) -> std::uint32_t {
-      __VeskFree(page);
+    const auto freePage = [](void* value) -> std::uint32_t {
+      for (const BlockWord word : static_cast<Page*>(value)->words) openBlock(word);
+      __VeskFree(value);
+      return 1;
+    };
+    const auto freeOdd = [](void* word) -> std::uint32_t {
+      openBlock(reinterpret_cast<BlockWord>(word));
       return 1;
     };
     __VeskDestroyHashTable(shard.pages, freePage);
-    __VeskDestroyHashTable(shard.odd, nullptr);
+    __VeskDestroyHashTable(shard.odd, freeOdd);
     shard.last = nullptr;
     shard.empty = nullptr;
     shard.pages = nullptr;

@@ -11,8 +11,11 @@
 
 namespace heap {
 
-// A block as it is held; 0 is no block.
+// A block as it is held; 0 is no block. Some bits are always 0: its holder may mark a word there, and takes the mark
+// off before the word comes back.
 using BlockWord = std::uint64_t;
+inline constexpr std::uint32_t kStampShift = 56;
+inline constexpr std::uint32_t kStampBits = 7;
 
 struct Block {
   std::uint32_t site;

@@ -8,6 +8,9 @@
 #include "collectors/heap/accounts.h"
 #include "collectors/heap/backtrace.h"
 #include "collectors/heap/blocks.h"
+#include "collectors/heap/commands.h"
+#include "collectors/heap/counting.h"
+#include "collectors/heap/debug_categories.h"
 #include "collectors/heap/large_blocks.h"
 #include "collectors/heap/modules.h"
 #include "collectors/heap/report.h"
@@ -40,6 +43,7 @@ constinit thread_local ThreadWord own [[gnu::tls_model("initial-exec")]] = {};
 [[gnu::noinline]] ThreadState* firstCall() {
   if (own.ended) return nullptr;
   own.state = beginThread();
+  __VeskDbgMessageDumpInternal(kDebugThreads, "thread %u calls the heap", __VeskGetNativeThreadId());
   return own.state;
 }
 
@@ -75,8 +79,21 @@ void setLastBlock(ThreadState* thread, const void* block) {
   if (thread != nullptr) thread->lastBlock = block;
 }
 
+// A block that was known under this address has been given back without notice.
+[[gnu::noinline]] void handedOutWhilePaused(const void* block) {
+  const BlockWord lost = takeBlock(block);
+  if (lost == 0) return;
+  const Block old = openBlock(lost);
+  removeLargeBlock(block, old.bytes);
+  accountRelease(siteById(old.site), old.bytes, false);
+}
+
 void allocated(void* block, std::size_t bytes, VeskHeapFunction function, const void* caller) {
   ThreadState* thread = thisThread();
+  if (countingIsPaused()) [[unlikely]] {
+    setLastBlock(thread, nullptr);
+    return handedOutWhilePaused(block);
+  }
   Site& site = siteOfCall(caller, thread);
   enter(block, site, bytes);
   accountAllocation(site, bytes, function);
@@ -112,27 +129,30 @@ void releasing(void* block, const void* /*caller*/) {
 std::uint64_t reallocating(void* oldBlock, const void* /*caller*/) {
   const BlockWord word = takeBlock(oldBlock);
   if (word != 0) removeLargeBlock(oldBlock, peekBlock(word).bytes);
-  return word;
+  return stampToken(word);
 }
 
 void reallocated(std::uint64_t token, void* oldBlock, void* newBlock, std::size_t bytes, int released,
                  VeskHeapFunction function, const void* caller) {
   const bool failed = newBlock == nullptr && !released;
+  const BlockWord word = openToken(token);
+  const bool known = word != 0;
   ThreadState* thread = thisThread();
   if (failed) {
     setLastBlock(thread, nullptr);
-    if (token != 0) {
-      addLargeBlock(oldBlock, peekBlock(token));
-      putBack(oldBlock, token);
+    if (known) {
+      addLargeBlock(oldBlock, peekBlock(word));
+      putBack(oldBlock, word);
     }
     return;
   }
   const bool temporary = isTemporary(thread, oldBlock);
-  const bool known = token != 0;
-  const Block old = known ? openBlock(token) : Block{};
-  setLastBlock(thread, newBlock);
-  if (newBlock == nullptr) {
+  const Block old = known ? openBlock(word) : Block{};
+  const bool paused = countingIsPaused();
+  setLastBlock(thread, paused ? nullptr : newBlock);
+  if (newBlock == nullptr || paused) {
     if (known) accountRelease(siteById(old.site), old.bytes, temporary);
+    if (newBlock != nullptr) handedOutWhilePaused(newBlock);
     return;
   }
   Site& site = siteOfCall(caller, thread);
@@ -142,16 +162,24 @@ void reallocated(std::uint64_t token, void* oldBlock, void* newBlock, std::size_
 
 // ---- Other events ----
 
+void logModule(const char* what, const VeskHostModule& module) {
+  __VeskDbgMessageDumpInternal(kDebugModules, "%s %s at %#llx", what, module.path,
+                               static_cast<unsigned long long>(module.base));
+}
+
 void moduleLoaded(const VeskHostModule* module) {
+  logModule("loaded", *module);
   if (moduleCame(*module)) forgetCode();
 }
 
 void moduleUnloaded(const VeskHostModule* module) {
+  logModule("unloaded", *module);
   forgetCode();
   moduleWent(*module);
 }
 
-void threadEnded(std::uint32_t /*threadId*/) {
+void threadEnded(std::uint32_t threadId) {
+  __VeskDbgMessageDumpInternal(kDebugThreads, "thread %u ends", threadId);
   if (own.state != nullptr) endThread(own.state);
   own = {nullptr, true};
 }
@@ -162,6 +190,7 @@ void registerMessages() {
   const LogMessageDefinition definition = {"INVALID_RELEASE", kArguments, 0,
                                            __VeskGetLoggerHandle("veskheap")};
   invalidRelease = __VeskRegisterLogMessage2(&definition);
+  registerCommandMessages();
 }
 
 void logStart() {
@@ -171,10 +200,8 @@ void logStart() {
 
 // The child counts from zero, and what it has inherited is older than its collector.
 void forkedInChild() {
-  forgetBlocks();
-  forgetLargeBlocks();
-  clearSites();
-  restartAccounts();
+  leaveCommandsToParent();
+  restartCounting();
   if (own.state != nullptr) own.state->lastBlock = nullptr;
   nameFiles(files, settings);
   if (!__VeskCreateLogger("veskheap", files.log.text(), 0)) {
@@ -192,13 +219,29 @@ void nameResultBeforeExec(Path& path) {
     path.append("%s", files.result.text());
     return;
   }
-  nameBeforeExec(path, files.result);
+  std::uint32_t number = 0;
+  nameNumbered(path, files.result, "exec", number);
+}
+
+const char* nameOf(VeskProcessEnd how) {
+  switch (how) {
+  case VESK_END_EXIT:
+    return "exit";
+  case VESK_END_QUICK:
+    return "quick exit";
+  case VESK_END_EXEC:
+    return "exec";
+  case VESK_END_FATAL:
+    return "fatal";
+  }
+  return "unknown";
 }
 
 void processEnding(VeskProcessEnd how, int status) {
   // Memory may be exhausted, and this thread may hold any lock. The log, which needs neither, has the reason.
-  if (how == VESK_END_FATAL) return;
+  if (how == VESK_END_FATAL) return abandonCommands();
 
+  stopCommands();
   Path path;
   if (how == VESK_END_EXEC)
     nameResultBeforeExec(path);
@@ -206,7 +249,7 @@ void processEnding(VeskProcessEnd how, int status) {
     path.append("%s", files.result.text());
 
   Report report = takeReport(reportCategory);
-  const int error = writeResult(path.text(), report, {how, status}, settings.depth, reportCategory);
+  const int error = writeResult(path.text(), report, {nameOf(how), status}, settings.depth, reportCategory);
   if (how != VESK_END_EXEC || !veskHostFollowsChildren()) {
     writeSummary(report, settings.top, error == 0 ? path.text() : nullptr, reportCategory);
   }
@@ -222,6 +265,9 @@ void processEnding(VeskProcessEnd how, int status) {
   }
   __VeskCloseLogger();
 }
+
+// What the program may execute instead finds the channel's directory free.
+void execFailed() { startCommands(settings, files, reportCategory); }
 
 // ---- The start ----
 
@@ -279,5 +325,6 @@ extern "C" VESK_API int veskCollectorStart(std::uint32_t argc, const char* const
   events->threadEnded = threadEnded;
   events->forkedInChild = forkedInChild;
   events->processEnding = processEnding;
-  return 0;
+  events->execFailed = execFailed;
+  return startCommands(settings, files, reportCategory) ? 0 : kRefused;
 }

@@ -102,25 +102,11 @@ private:
 
 // ---- Sections ----
 
-const char* nameOf(VeskProcessEnd how) {
-  switch (how) {
-  case VESK_END_EXIT:
-    return "exit";
-  case VESK_END_QUICK:
-    return "quick exit";
-  case VESK_END_EXEC:
-    return "exec";
-  case VESK_END_FATAL:
-    return "fatal";
-  }
-  return "unknown";
-}
-
 void writeProcess(VeskXMLFile* file, const Report& report, const Ending& ending, std::uint32_t depth) {
   __VeskXMLWriteOpeningTag(file, "process");
   writePath(file, "program", veskHostProgramPath());
   writeElement(file, "pid", static_cast<std::uint64_t>(__VeskGetPid()));
-  __VeskXMLWriteStringElement(file, "end", nameOf(ending.how));
+  __VeskXMLWriteStringElement(file, "end", ending.how);
   __VeskXMLWriteDecimalElement(file, "status", ending.status);
   writeElement(file, "milliseconds", report.milliseconds);
   writeElement(file, "depth", depth);

@@ -7,7 +7,7 @@
 namespace heap {
 
 struct Ending {
-  VeskProcessEnd how;
+  const char* how;
   int status;
 };
 

@@ -4,9 +4,11 @@
 #include <cstdlib>
 #include <cstring>
 
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include "collectors/heap/backtrace.h"
+#include "collectors/heap/debug_categories.h"
 #include "host/veskhost.h"
 #include "veskrt/options.h"
 #include "veskrt/runtime.h"
@@ -26,6 +28,9 @@ struct Options {
   std::uint32_t depth;
   std::uint32_t top;
   std::uint32_t timeline;
+  std::uint32_t commands;
+  std::uint32_t heartbeat;
+  std::uint32_t debug;
   std::uint32_t follow;
   std::uint32_t help;
 };
@@ -33,7 +38,7 @@ struct Options {
 constinit Options options{};
 
 // What the parser does not say: which argument it refused, and what would have been taken.
-enum class Kind { kBoolean, kInteger, kPath };
+enum class Kind { kBoolean, kInteger, kPath, kText };
 struct Rule {
   const char* name;
   Kind kind;
@@ -47,6 +52,9 @@ constexpr Rule kRules[] = {
     {"-depth", Kind::kInteger, 1, kMaxDepth},
     {"-top", Kind::kInteger, 0, 1000},
     {"-timeline", Kind::kInteger, 0, 3'600'000},
+    {"-commands", Kind::kPath, 0, 0},
+    {"-heartbeat", Kind::kInteger, 0, 1'000'000},
+    {"-debug", Kind::kText, 0, 0},
     {"-follow", Kind::kBoolean, 0, 0},
     {"-help", Kind::kBoolean, 0, 0},
 };
@@ -62,6 +70,15 @@ void registerOptions() {
                                             kDefaultTop, 0, 1);
   options.timeline = __VeskRegisterIntegerOption(
       parser, "-timeline", "milliseconds between samples over time, 0 for none", kDefaultTimeline, 0, 1);
+  options.commands = __VeskRegisterPathOption(
+      parser, "-commands", "directory of the command channel, for veskctl; without it there is none", "", 0,
+      0, 1);
+  options.heartbeat = __VeskRegisterIntegerOption(
+      parser, "-heartbeat", "seconds without a command after which the log notes the figures, 0 for never", 0,
+      0, 1);
+  options.debug = __VeskRegisterStringOption(
+      parser, "-debug", "what to log of the profiler itself: COMMANDS, MODULES, STACKS, THREADS, ALL", "", 0,
+      0, 1);
   options.follow = __VeskRegisterBooleanOption(parser, "-follow", "watch the program's children, too",
                                                veskHostFollowsChildren(), 0, 1);
   options.help = __VeskRegisterBooleanOption(parser, "-help", "this list", 0, 0, 1);
@@ -94,7 +111,7 @@ bool acceptValue(const Rule& rule, const char* value) {
     return false;
   }
   if (rule.kind == Kind::kPath && (value[0] == '\0' || std::strlen(value) > PATH_MAX / 2)) {
-    tell("option %s takes the name of a file, not '%.80s' (-help lists the options)", rule.name, value);
+    tell("option %s takes a path, not '%.80s' (-help lists the options)", rule.name, value);
     return false;
   }
   return true;
@@ -137,6 +154,31 @@ std::uint32_t integerOption(std::uint32_t option) {
   return static_cast<std::uint32_t>(__VeskGetIntegerOptionValue(options.parser, option));
 }
 
+// Tells what is wrong with options that are fine by themselves.
+bool acceptTogether(const Settings& settings) {
+  struct stat status;
+  if (settings.heartbeat != 0 && settings.commands.length() == 0) {
+    tell("option -heartbeat needs -commands (-help lists the options)");
+    return false;
+  }
+  if (settings.commands.length() != 0 &&
+      (stat(settings.commands.text(), &status) != 0 || !S_ISDIR(status.st_mode))) {
+    tell("option -commands takes a directory, and '%s' is none", settings.commands.text());
+    return false;
+  }
+  return true;
+}
+
+bool enableDebugging(const char* text) {
+  __VeskDbgRegisterDbgMap(kDebugMap);
+  if (__VeskParseDbgDumpOption(text)) return true;
+  tell("option -debug takes COMMANDS, MODULES, STACKS, THREADS, ALL, separated by commas, no-NAME to take "
+       "one away, or a"
+       " hexadecimal mask; not '%s'",
+       text);
+  return false;
+}
+
 void readPath(Path& path, std::uint32_t option) {
   if (__VeskIsOptionSet(options.parser, option))
     path.append("%s", __VeskGetPathOptionValue(options.parser, option));
@@ -157,10 +199,14 @@ std::uint32_t extensionOf(const Path& path) {
   return dot == nullptr || dot == name ? path.length() : static_cast<std::uint32_t>(dot - path.text());
 }
 
+void makeAbsolute(Path& absolute, const Settings& settings, const Path& given) {
+  absolute.append("%s%s", given.text()[0] == '/' ? "" : settings.directory.text(), given.text());
+}
+
 // The given file, made absolute, and with the process id in front of its extension if children are followed.
 void nameGiven(Path& name, const Settings& settings, const Path& given) {
   Path absolute;
-  absolute.append("%s%s", given.text()[0] == '/' ? "" : settings.directory.text(), given.text());
+  makeAbsolute(absolute, settings, given);
   if (!veskHostFollowsChildren()) {
     name.append("%s", absolute.text());
     return;
@@ -199,7 +245,13 @@ Parsed readSettings(Settings& settings, std::uint32_t argc, const char* const* a
     tell("cannot tell the current directory: %s", std::strerror(errno));
     return Parsed::kRefused;
   }
-  return Parsed::kGoOn;
+  Path commands;
+  readPath(commands, options.commands);
+  if (commands.length() != 0) makeAbsolute(settings.commands, settings, commands);
+  settings.heartbeat = integerOption(options.heartbeat);
+  const bool accepted =
+      acceptTogether(settings) && enableDebugging(__VeskGetStringOptionValue(options.parser, options.debug));
+  return accepted ? Parsed::kGoOn : Parsed::kRefused;
 }
 
 void nameFiles(Files& files, const Settings& settings) {
@@ -215,12 +267,11 @@ void nameFiles(Files& files, const Settings& settings) {
     nameLogBeside(files.log, files.result);
 }
 
-void nameBeforeExec(Path& path, const Path& result) {
+void nameNumbered(Path& path, const Path& result, const char* word, std::uint32_t& number) {
   const auto stem = static_cast<int>(extensionOf(result));
-  std::uint32_t number = 0;
   do {
     path.clear();
-    path.append("%.*s.exec%u%s", stem, result.text(), ++number, result.text() + stem);
+    path.append("%.*s.%s%u%s", stem, result.text(), word, ++number, result.text() + stem);
   } while (access(path.text(), F_OK) == 0);
 }
 

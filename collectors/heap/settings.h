@@ -19,6 +19,8 @@ struct Settings {
   Path directory; // where the program was started, with a '/' behind it
   Path out;       // as given; empty: the default name
   Path log;
+  Path commands;           // absolute; empty: no channel
+  std::uint32_t heartbeat; // seconds; 0: none
 };
 
 enum class Parsed { kGoOn, kHelpGiven, kRefused };
@@ -33,8 +35,9 @@ struct Files {
 };
 void nameFiles(Files& files, const Settings& settings);
 
-// The result's name with "exec" and a number in front of its extension, the first that is not taken.
-void nameBeforeExec(Path& path, const Path& result);
+// The result's name with a word and a number in front of its extension: the first number above `number` that is
+// not taken, which `number` then is.
+void nameNumbered(Path& path, const Path& result, const char* word, std::uint32_t& number);
 
 // Has the options show the files' names where the log lists them.
 void logSettings(const Files& files);

@@ -4,6 +4,7 @@
 #include <new>
 
 #include "collectors/heap/blocks.h"
+#include "collectors/heap/debug_categories.h"
 #include "collectors/heap/modules.h"
 #include "veskrt/hash_table.h"
 #include "veskrt/memory.h"
@@ -85,6 +86,7 @@ Stack& makeStack(std::uint64_t hash, const Trace& trace) {
   }
   auto* stack = new (block) Stack{hash, frames, modules, trace.depth, ++count, trace.cut, false};
   makeSite(stack);
+  __VeskDbgMessageDumpInternal(kDebugStacks, "stack %u of %u frames", stack->id, stack->depth);
   return *stack;
 }
 

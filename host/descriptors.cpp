@@ -17,8 +17,8 @@ namespace veskhost {
 
 namespace {
 
-constexpr int kUsualLimit = 1024;
-constexpr int kMost = 32;
+constexpr unsigned kUsualLimit = 1024;
+constexpr unsigned kMost = 32;
 
 // Which file it is that the collector has there; inode 0: none.
 struct Kept {
@@ -26,16 +26,18 @@ struct Kept {
   std::atomic<std::uint64_t> inode;
 };
 
-constinit std::atomic<int> firstKept{INT_MAX};
+constinit std::atomic<unsigned> firstKept{INT_MAX}; // once the collector has one, it stays
 constinit Kept kept[kMost] = {};
 
 constexpr unsigned kWordBits = 8 * sizeof(unsigned long);
 
 // Scripts name descriptors of their own choice, seldom as high as this.
-int firstNumber() noexcept {
+unsigned firstNumber() noexcept {
+  const unsigned known = firstKept.load(std::memory_order_relaxed);
+  if (known != INT_MAX) return known;
   rlimit limit = {kUsualLimit, kUsualLimit};
   getrlimit(RLIMIT_NOFILE, &limit);
-  const int end = limit.rlim_cur < kUsualLimit ? static_cast<int>(limit.rlim_cur) : kUsualLimit;
+  const unsigned end = limit.rlim_cur < kUsualLimit ? static_cast<unsigned>(limit.rlim_cur) : kUsualLimit;
   return end > 2 * kMost ? end - kMost : end / 2;
 }
 
@@ -52,13 +54,13 @@ int firstNumber() noexcept {
 }
 
 bool isCollectors(int descriptor) noexcept {
-  const int index = descriptor - firstKept.load(std::memory_order_relaxed);
-  return index >= 0 && index < kMost && isStillKept(kept[index], descriptor);
+  const unsigned index = static_cast<unsigned>(descriptor) - firstKept.load(std::memory_order_relaxed);
+  return index < kMost && isStillKept(kept[index], descriptor);
 }
 
 // From `first` to `last`, around what is the collector's.
 int closeRange(unsigned first, unsigned last, int flags) noexcept {
-  const auto base = static_cast<unsigned>(firstKept.load(std::memory_order_relaxed));
+  const unsigned base = firstKept.load(std::memory_order_relaxed);
   for (unsigned number = base < first ? first : base; number < base + kMost && number <= last; ++number) {
     if (!isCollectors(static_cast<int>(number))) continue;
     if (number > first && nextFunctions.closeRange(first, number - 1, flags) != 0) return -1;
@@ -70,12 +72,12 @@ int closeRange(unsigned first, unsigned last, int flags) noexcept {
 } // namespace
 
 CollectorOpensFiles::CollectorOpensFiles() noexcept : first_(firstNumber()) {
-  for (int index = 0; index < kMost; ++index) {
-    if (fcntl(first_ + index, F_GETFD) >= 0) inherited_ |= 1u << index;
+  for (unsigned index = 0; index < kMost; ++index) {
+    if (fcntl(static_cast<int>(first_ + index), F_GETFD) >= 0) inherited_ |= 1u << index;
   }
   probe_ = open("/", O_PATH | O_CLOEXEC);
   int number = probe_;
-  while (number >= 0 && number < first_) {
+  while (number >= 0 && static_cast<unsigned>(number) < first_) {
     taken_[static_cast<unsigned>(number) / kWordBits] |= 1ul << static_cast<unsigned>(number) % kWordBits;
     number = fcntl(probe_, F_DUPFD_CLOEXEC, 0);
   }
@@ -83,15 +85,14 @@ CollectorOpensFiles::CollectorOpensFiles() noexcept : first_(firstNumber()) {
 }
 
 CollectorOpensFiles::~CollectorOpensFiles() {
-  for (int number = 0; number < first_; ++number) {
-    const bool taken =
-        taken_[static_cast<unsigned>(number) / kWordBits] >> static_cast<unsigned>(number) % kWordBits & 1;
-    if (taken) nextFunctions.close(number);
+  for (unsigned number = 0; number < first_; ++number) {
+    const bool taken = taken_[number / kWordBits] >> number % kWordBits & 1;
+    if (taken) nextFunctions.close(static_cast<int>(number));
   }
-  for (int index = 0; index < kMost; ++index) {
+  for (unsigned index = 0; index < kMost; ++index) {
     if ((inherited_ >> index & 1) != 0) continue;
     struct stat status;
-    const int descriptor = first_ + index;
+    const int descriptor = static_cast<int>(first_ + index);
     const int flags = fcntl(descriptor, F_GETFD);
     if (flags < 0 || fstat(descriptor, &status) != 0) continue;
     fcntl(descriptor, F_SETFD, flags | FD_CLOEXEC);

@@ -18,7 +18,7 @@ public:
   CollectorOpensFiles& operator=(const CollectorOpensFiles&) = delete;
 
 private:
-  int first_;                    // where the collector's numbers begin
+  unsigned first_;               // where the collector's numbers begin
   unsigned inherited_ = 0;       // which of these were open before, a bit each
   int probe_ = -1;               // on a file that is always there
   unsigned long taken_[16] = {}; // the numbers below that were free, a bit each

@@ -147,7 +147,7 @@ void Player::destroySpan() {
     size = input_.ConsumeIntegral<std::uint64_t>();
   }
   const std::uint64_t top = size > UINT64_MAX - base ? UINT64_MAX : base + size;
-  if (model_.contains(0) && base < model_[0].end && top > 0) return; // what begins at 0 is found or not
+  if (model_.contains(0) && base < model_[0].end) return; // what begins at 0 is found or not
   std::uint64_t lowest = base;
   std::uint64_t highest = top;
   std::multiset<std::uint64_t> expected;

@@ -2,6 +2,7 @@
 #include "fuzz/support.h"
 
 #include <cstdio>
+#include <cstdlib>
 
 #include <sys/mman.h>
 #include <sys/stat.h>
@@ -35,6 +36,11 @@ void __VeskFree(void* block) {
 }
 
 namespace fuzz {
+
+void refute(const char* file, int line) {
+  std::fprintf(stderr, "ERROR: refuted: %s:%d\n", file, line);
+  std::abort();
+}
 
 std::int64_t liveBlocks() { return blocks; }
 

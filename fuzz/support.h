@@ -2,14 +2,15 @@
 #pragma once
 
 #include <cstdint>
-#include <cstdlib>
 #include <string>
 
 namespace fuzz {
 
-// What must hold. The sanitizer's report of the abort shows which.
-inline void require(bool holds) {
-  if (!holds) std::abort();
+// Ends the process with the place of a claim that does not hold.
+[[noreturn]] void refute(const char* file, int line);
+
+inline void require(bool holds, const char* file = __builtin_FILE(), int line = __builtin_LINE()) {
+  if (!holds) refute(file, line);
 }
 
 // Only the first call has an effect.

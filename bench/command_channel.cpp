@@ -20,7 +20,7 @@
 #include <unistd.h>
 
 #include "command_channel.h"
-#include "veskhost.h"
+#include "veskrt/host.h"
 
 namespace {
 

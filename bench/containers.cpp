@@ -11,7 +11,7 @@
 
 #include <benchmark/benchmark.h>
 
-#include "host/veskhost.h"
+#include "veskrt/host.h"
 #include "veskrt/hash_table.h"
 #include "veskrt/range_table.h"
 #include "veskrt/tree.h"

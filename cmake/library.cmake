@@ -15,7 +15,9 @@ set_target_properties(veskrt PROPERTIES
   LINKER_LANGUAGE C  # the C driver: no C++ runtime among the needed libraries
   LINK_DEPENDS ${CMAKE_CURRENT_LIST_DIR}/veskrt.map)
 target_compile_options(veskrt PRIVATE $<$<COMPILE_LANGUAGE:CXX>:${VESK_LIBRARY_OPTIONS}>)
-target_include_directories(veskrt PUBLIC ${CMAKE_SOURCE_DIR}/include PRIVATE ${CMAKE_SOURCE_DIR})
+target_include_directories(veskrt
+  PUBLIC $<BUILD_INTERFACE:${CMAKE_SOURCE_DIR}/include> $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>
+  PRIVATE ${CMAKE_SOURCE_DIR})
 target_link_options(veskrt PRIVATE
   -Wl,-Bsymbolic-functions -Wl,--as-needed -Wl,-z,relro -Wl,-z,now
   -Wl,--version-script=${CMAKE_CURRENT_LIST_DIR}/veskrt.map)

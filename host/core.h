@@ -4,7 +4,7 @@
 
 #include <cstdint>
 
-#include "host/veskhost.h"
+#include "veskrt/host.h"
 #include "veskrt/runtime.h"
 
 namespace veskhost {

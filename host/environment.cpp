@@ -2,7 +2,7 @@
 
 #include <cstring>
 
-#include "host/veskhost.h"
+#include "veskrt/host.h"
 
 namespace veskhost {
 

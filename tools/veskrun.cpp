@@ -90,15 +90,15 @@ CommandLine parse(int argc, char** argv) {
   return line;
 }
 
-// The host lies beside veskrun, as it is built, or in the library directory, as it is installed.
+// The host lies beside veskrun, as it is built, or in a directory of its own with the collectors, as it is installed.
 std::filesystem::path findHost() {
   const std::filesystem::path here = std::filesystem::read_symlink("/proc/self/exe").parent_path();
   std::error_code ignored;
-  for (const char* place : {".", "../lib", "../lib/x86_64-linux-gnu", "../lib64"}) {
+  for (const char* place : {".", VESK_COLLECTOR_DIRECTORY}) {
     auto candidate = (here / place / "libveskhost.so").lexically_normal();
     if (std::filesystem::exists(candidate, ignored)) return candidate;
   }
-  fail(kUsageError, "libveskhost.so is neither beside " + here.string() + "/veskrun nor in ../lib");
+  fail(kUsageError, "libveskhost.so is neither beside " + here.string() + "/veskrun nor in " VESK_COLLECTOR_DIRECTORY);
 }
 
 // Collectors lie beside the host, each as libvesk and its name.

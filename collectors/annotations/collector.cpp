@@ -14,7 +14,7 @@
 #include "collectors/common/elf_file.h"
 #include "collectors/common/text.h"
 #include "collectors/common/xml_text.h"
-#include "host/veskhost.h"
+#include "veskrt/host.h"
 #include "veskrt/annotations.h"
 #include "veskrt/log.h"
 #include "veskrt/options.h"

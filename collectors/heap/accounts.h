@@ -14,7 +14,7 @@
 #include <cstdint>
 
 #include "collectors/heap/lock.h"
-#include "host/veskhost.h"
+#include "veskrt/host.h"
 
 namespace heap {
 

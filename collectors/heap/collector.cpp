@@ -18,7 +18,7 @@
 #include "collectors/heap/settings.h"
 #include "collectors/heap/stacks.h"
 #include "collectors/heap/summary.h"
-#include "host/veskhost.h"
+#include "veskrt/host.h"
 #include "veskrt/log.h"
 #include "veskrt/memory.h"
 #include "veskrt/runtime.h"

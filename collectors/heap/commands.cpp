@@ -14,7 +14,7 @@
 #include "collectors/heap/lock.h"
 #include "collectors/heap/report.h"
 #include "collectors/heap/result.h"
-#include "host/veskhost.h"
+#include "veskrt/host.h"
 #include "veskrt/command_handler.h"
 #include "veskrt/log.h"
 

@@ -6,7 +6,7 @@
 
 #include <cstdint>
 
-#include "host/veskhost.h"
+#include "veskrt/host.h"
 
 namespace heap {
 

@@ -2,7 +2,7 @@
 #pragma once
 
 #include "collectors/heap/report.h"
-#include "host/veskhost.h"
+#include "veskrt/host.h"
 
 namespace heap {
 

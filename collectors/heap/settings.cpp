@@ -10,7 +10,7 @@
 
 #include "collectors/heap/backtrace.h"
 #include "collectors/heap/debug_categories.h"
-#include "host/veskhost.h"
+#include "veskrt/host.h"
 #include "veskrt/options.h"
 #include "veskrt/runtime.h"
 

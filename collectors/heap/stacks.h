@@ -11,7 +11,7 @@
 
 #include "collectors/heap/accounts.h"
 #include "collectors/heap/backtrace.h"
-#include "host/veskhost.h"
+#include "veskrt/host.h"
 
 namespace heap {
 

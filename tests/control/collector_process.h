@@ -11,7 +11,7 @@
 
 #include "command_channel.h"
 #include "support/channel_test.h"
-#include "veskhost.h"
+#include "veskrt/host.h"
 
 namespace test {
 

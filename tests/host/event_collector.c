@@ -15,7 +15,7 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
-#include "veskhost.h"
+#include "veskrt/host.h"
 
 static const char* const functions[] = {"malloc", "calloc",         "realloc",       "reallocarray",
                                         "free",   "posix_memalign", "aligned_alloc", "memalign",

@@ -14,7 +14,7 @@
 
 #include "host/core.h"
 #include "support/child.h"
-#include "veskhost.h"
+#include "veskrt/host.h"
 #include "veskrt/memory.h"
 #include "veskrt/runtime.h"
 

@@ -7,8 +7,8 @@
  * host's, not from the program's.
  *
  * A collector for libveskhost.so is a shared object that exports veskCollectorStart(). */
-#ifndef VESKHOST_H
-#define VESKHOST_H
+#ifndef VESKRT_HOST_H
+#define VESKRT_HOST_H
 
 #include "veskrt/base.h"
 

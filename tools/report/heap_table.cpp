@@ -65,8 +65,7 @@ class HeapTable {
 public:
   HeapTable(const Profile& profile, const TableSettings& settings, const Terminal& terminal)
       : profile_(profile), settings_(settings), terminal_(terminal),
-        sortedBy_(
-            settings.selection.metric.value_or(settings.selection.leaks ? Metric::kLive : Metric::kPeak)) {
+        sortedBy_(firstMetric(settings.selection)) {
     for (const Column& column : kColumns) {
       const bool isBlocks = column.value == &Numbers::liveBlocks;
       if (!isBlocks || settings.selection.leaks) columns_.push_back(&column);
@@ -201,8 +200,7 @@ private:
   }
 
   void addPlace(const Place& place, std::size_t indentation) {
-    char offset[24];
-    std::snprintf(offset, sizeof offset, "0x%llx", static_cast<unsigned long long>(place.offset));
+    const std::string offset = hexadecimal(place.offset);
     std::string name = place.function;
     std::string rest;
     if (place.module.empty())

@@ -116,6 +116,10 @@ Profile makeProfile(HeapResult result, const std::string& path, const NameSettin
   return profile;
 }
 
+Metric firstMetric(const Selection& selection) {
+  return selection.metric.value_or(selection.leaks ? Metric::kLive : Metric::kPeak);
+}
+
 std::vector<const Row*> select(const Profile& profile, const Selection& selection) {
   std::vector<const Row*> rows;
   for (const Row& row : profile.rows) {
@@ -123,7 +127,7 @@ std::vector<const Row*> select(const Profile& profile, const Selection& selectio
     if (profile.isComparison() && row.now == row.before) continue;
     rows.push_back(&row);
   }
-  const Metric metric = selection.metric.value_or(selection.leaks ? Metric::kLive : Metric::kPeak);
+  const Metric metric = firstMetric(selection);
   std::stable_sort(rows.begin(), rows.end(), [metric](const Row* left, const Row* right) {
     return comesBefore(*left, *right, metric);
   });

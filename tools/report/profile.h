@@ -59,6 +59,9 @@ struct Selection {
   bool leaks = false;           // only what holds blocks at the end, by its bytes
 };
 
+// What the rows are sorted by first.
+Metric firstMetric(const Selection& selection);
+
 // The rows in the order in which they are shown; of a comparison those that differ, the greatest difference first.
 std::vector<const Row*> select(const Profile& profile, const Selection& selection);
 

@@ -126,6 +126,10 @@ std::string readableCount(std::uint64_t count) {
   return text;
 }
 
+std::string hexadecimal(std::uint64_t value) {
+  return format("0x%llx", static_cast<unsigned long long>(value));
+}
+
 std::string readableTime(std::uint64_t milliseconds) {
   return format("%llu.%03llu s", static_cast<unsigned long long>(milliseconds / 1000),
                 static_cast<unsigned long long>(milliseconds % 1000));

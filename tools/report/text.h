@@ -21,6 +21,7 @@ std::string baseName(std::string_view path);
 
 std::string readableSize(std::uint64_t bytes);  // 1536 as 1.5 KiB
 std::string readableCount(std::uint64_t count); // 1234567 as 1,234,567
+std::string hexadecimal(std::uint64_t value);   // 0x1f
 std::string readableTime(std::uint64_t milliseconds);
 
 // A C++ symbol as its source has it, with the usual name for the standard string and without the template

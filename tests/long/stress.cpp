@@ -13,7 +13,7 @@
 
 #include <sys/resource.h>
 
-#include "host/veskhost.h"
+#include "veskrt/host.h"
 #include "runtime/once_guard.h"
 #include "veskrt/hash_table.h"
 #include "veskrt/log.h"

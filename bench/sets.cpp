@@ -250,5 +250,5 @@ void registerRows() {
   addContestant<Floor>("floor");
   addContestant<Roaring<false>>("roaring");
   addContestant<Roaring<true>>("roaring, runs");
-  add("growth.sets.union", "ours", growth)->RangeMultiplier(10)->Range(1000, 10000000);
+  addGrowth("growth.sets.union", "ours", growth);
 }

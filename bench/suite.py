@@ -213,7 +213,8 @@ def run_program(program, scratch, growth, repetitions):
         if run.get("error_occurred"):
             raise RuntimeError(f"{run['name']}: {run['error_message']}")
         row, contestant, *size = run["run_name"].split("/")
-        key = (contestant, int(re.search(r"(\d+)$", size[-1])[1])) if growth else contestant
+        key = (contestant, next(int(each.removeprefix("threads:")) for each in size
+                                if each.removeprefix("threads:").isdigit())) if growth else contestant
         times[row][key].append(1e9 / run["items_per_second"])
     return {row: {key: statistics.median(all_) for key, all_ in contestants.items()}
             for row, contestants in times.items()}

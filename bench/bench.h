@@ -10,6 +10,7 @@
 #include <cstdint>
 #include <map>
 #include <random>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -60,9 +61,24 @@ const Kind& sharedKeys(size_t count) {
   return made.try_emplace(count, count).first->second;
 }
 
+// The keys that are looked up: a million of them are enough.
+inline std::span<const uint64_t> asked(const std::vector<uint64_t>& again) {
+  return {again.data(), std::min<size_t>(again.size(), 1000000)};
+}
+
 template <class Function>
 auto* add(const std::string& row, const std::string& contestant, Function function) {
   return benchmark::RegisterBenchmark((row + "/" + contestant).c_str(), function);
+}
+
+// A row of the growth table: 10^3 to 10^7 items, each size with iterations enough for a million items. They are given
+// beforehand, since to find them out would mean to build the largest containers several times.
+template <class Function>
+void addGrowth(const std::string& row, const std::string& contestant, Function function,
+               int64_t largest = 10000000) {
+  for (int64_t size = 1000; size <= largest; size *= 10) {
+    add(row, contestant, function)->Arg(size)->Iterations(std::max<int64_t>(1, 1000000 / size));
+  }
 }
 
 // Says how many items were worked on, all iterations together.

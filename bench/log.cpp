@@ -1,6 +1,7 @@
 // A record of the log, with the system when the call returns: beside spdlog flushing each record, and beside a write
 // of the same bytes and nothing else.
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 
 #include <fcntl.h>
@@ -44,11 +45,12 @@ void ours(benchmark::State& state) {
   countItems(state, 1);
 }
 
-void spdlogRecords(benchmark::State& state) {
+// Its line holds the same values in a quarter of the bytes, unless it is given a text that fills it up.
+void spdlogRecords(benchmark::State& state, const std::string& text) {
   auto logger = spdlog::basic_logger_mt("bench", "spdlog.log", true);
   logger->flush_on(spdlog::level::info);
   int32_t line = 0;
-  for (auto _ : state) logger->warn("BAD_INPUT file={} line={}", "input/some_file.txt", ++line);
+  for (auto _ : state) logger->warn("{}BAD_INPUT file={} line={}", text, "input/some_file.txt", ++line);
   countItems(state, 1);
   spdlog::drop("bench");
 }
@@ -67,7 +69,14 @@ void writeAlone(benchmark::State& state, size_t size) {
 
 void registerRows() {
   createOurs();
-  add("log.record", "ours", ours);
-  add("log.record", "floor", [size = recordSize()](benchmark::State& state) { writeAlone(state, size); });
-  add("log.record", "spdlog", spdlogRecords);
+  const size_t size = recordSize();
+  const std::string filling(size - std::strlen("[2000-01-01 00:00:00.000] [bench] [warning] BAD_INPUT "
+                                               "file=input/some_file.txt line=1000000\n"),
+                            'x');
+  for (const char* row : {"log.record", "log.bytes"}) {
+    add(row, "ours", ours);
+    add(row, "floor", [=](benchmark::State& state) { writeAlone(state, size); });
+  }
+  add("log.record", "spdlog", [](benchmark::State& state) { spdlogRecords(state, ""); });
+  add("log.bytes", "spdlog", [=](benchmark::State& state) { spdlogRecords(state, filling); });
 }

@@ -125,7 +125,7 @@ void addAllocator(const char* name) {
   add("memory.pair", name, pair<Allocator, false>);
   add("memory.live", name, liveBlocks<Allocator>);
   add("memory.threads", name, pair<Allocator, false>)->Threads(2)->UseRealTime();
-  add("growth.memory.fill", name, fill<Allocator>)->RangeMultiplier(10)->Range(1000, 10000000);
+  addGrowth("growth.memory.fill", name, fill<Allocator>);
   add("growth.memory.apart", name, pair<Allocator, false>)->ThreadRange(1, 16)->UseRealTime();
   add("growth.memory.meeting", name, pair<Allocator, true>)->ThreadRange(1, 16)->UseRealTime();
 }

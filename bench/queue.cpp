@@ -165,6 +165,6 @@ void registerRows() {
   add("queue.alone", "floor", putAndTake<TwoLocks, 0>);
   add("queue.waiting", "floor", putAndTake<TwoLocks, 1000>);
   add("queue.pair", "floor", handOver<Ring>)->Threads(2)->UseRealTime();
-  add("growth.queue", "ours", growth<Ours>)->RangeMultiplier(10)->Range(1000, 10000000);
-  add("growth.queue", "mutex + std::queue", growth<Guarded>)->RangeMultiplier(10)->Range(1000, 10000000);
+  addGrowth("growth.queue", "ours", growth<Ours>);
+  addGrowth("growth.queue", "mutex + std::queue", growth<Guarded>);
 }

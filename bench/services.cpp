@@ -299,5 +299,5 @@ void registerRows() {
   add("vector.increment", "ours", count<OurVector>)->Arg(100000);
   add("vector.increment", "floor", count<Array>)->Arg(100000);
   add("vector.increment", "std::vector", count<StandardVector>)->Arg(100000);
-  add("growth.vector", "ours", count<OurVector>)->Arg(1000)->Arg(10000)->Arg(100000);
+  addGrowth("growth.vector", "ours", count<OurVector>, 100000);
 }

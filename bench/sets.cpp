@@ -47,7 +47,8 @@ const Operands& operands() {
   return made;
 }
 
-// ---- Contestants: unite, intersect and subtract make a new set out of two and drop it; the size is returned ----
+// ---- Contestants: unite, intersect and subtract put a result of two sets into a third one, whose memory they may use
+// again, as the analysis of a program does, which comes to the same block many times. The size is returned. ----
 
 void fill(Set& set, const uint32_t* first, const uint32_t* last) {
   if (last - first <= 1024) {
@@ -63,54 +64,57 @@ void fill(Set& set, const uint32_t* first, const uint32_t* last) {
 }
 
 struct Ours {
+  Ours() = default;
   explicit Ours(const std::vector<uint32_t>& elements) {
     fill(set, elements.data(), elements.data() + elements.size());
   }
   ~Ours() { __VeskDestroySet(&set); }
-  static uint32_t drop(Set& result) {
-    const uint32_t count = result.count;
-    __VeskDestroySet(&result);
-    return count;
+  uint32_t unite(const Ours& a, const Ours& b) {
+    __VeskConstructSet(&set, &a.set);
+    __VeskUnionSet(&set, &b.set);
+    return set.count;
   }
-  static uint32_t unite(const Ours& a, const Ours& b) {
-    Set result = {};
-    __VeskConstructSet(&result, &a.set);
-    __VeskUnionSet(&result, &b.set);
-    return drop(result);
+  uint32_t intersect(const Ours& a, const Ours& b) {
+    __VeskIntersectSet(&set, &a.set, &b.set);
+    return set.count;
   }
-  static uint32_t intersect(const Ours& a, const Ours& b) {
-    Set result = {};
-    __VeskIntersectSet(&result, &a.set, &b.set);
-    return drop(result);
-  }
-  static uint32_t subtract(const Ours& a, const Ours& b) {
-    Set result = {};
-    __VeskConstructSet(&result, &a.set);
-    __VeskDifferenceSet(&result, &b.set);
-    return drop(result);
+  uint32_t subtract(const Ours& a, const Ours& b) {
+    __VeskConstructSet(&set, &a.set);
+    __VeskDifferenceSet(&set, &b.set);
+    return set.count;
   }
   bool contains(uint32_t element) const { return __VeskIsAnElementOfSet(&set, element) != 0; }
   Set set = {};
 };
 
-template <bool kRuns>
+// Either copies into the old result and combines in place, or makes a new one: whichever is faster is the peer.
+template <bool kRuns, bool kInPlace>
 struct Roaring {
+  Roaring() : set(roaring_bitmap_create()) {}
   explicit Roaring(const std::vector<uint32_t>& elements)
       : set(roaring_bitmap_of_ptr(elements.size(), elements.data())) {
     if (kRuns) roaring_bitmap_run_optimize(set);
   }
   ~Roaring() { roaring_bitmap_free(set); }
-  static uint32_t drop(roaring_bitmap_t* result) {
-    const auto count = static_cast<uint32_t>(roaring_bitmap_get_cardinality(result));
-    roaring_bitmap_free(result);
-    return count;
+  template <class InPlace, class New>
+  uint32_t combine(const Roaring& a, const Roaring& b, InPlace inPlace, New makeNew) {
+    if constexpr (kInPlace) {
+      roaring_bitmap_overwrite(set, a.set);
+      inPlace(set, b.set);
+    } else {
+      roaring_bitmap_free(set);
+      set = makeNew(a.set, b.set);
+    }
+    return static_cast<uint32_t>(roaring_bitmap_get_cardinality(set));
   }
-  static uint32_t unite(const Roaring& a, const Roaring& b) { return drop(roaring_bitmap_or(a.set, b.set)); }
-  static uint32_t intersect(const Roaring& a, const Roaring& b) {
-    return drop(roaring_bitmap_and(a.set, b.set));
+  uint32_t unite(const Roaring& a, const Roaring& b) {
+    return combine(a, b, roaring_bitmap_or_inplace, roaring_bitmap_or);
   }
-  static uint32_t subtract(const Roaring& a, const Roaring& b) {
-    return drop(roaring_bitmap_andnot(a.set, b.set));
+  uint32_t intersect(const Roaring& a, const Roaring& b) {
+    return combine(a, b, roaring_bitmap_and_inplace, roaring_bitmap_and);
+  }
+  uint32_t subtract(const Roaring& a, const Roaring& b) {
+    return combine(a, b, roaring_bitmap_andnot_inplace, roaring_bitmap_andnot);
   }
   bool contains(uint32_t element) const { return roaring_bitmap_contains(set, element); }
   roaring_bitmap_t* set;
@@ -123,6 +127,7 @@ struct Floor {
     uint64_t bits;
   };
   using Chunks = std::vector<Chunk>;
+  Floor() : chunks(2 * kSetElements) {}
   explicit Floor(const std::vector<uint32_t>& elements) : sorted(elements) {
     for (const uint32_t element : elements) {
       if (chunks.empty() || chunks.back().base != element >> 6) chunks.push_back({element >> 6, 0});
@@ -130,9 +135,8 @@ struct Floor {
     }
   }
   template <bool kOnlyA, bool kOnlyB, class Both>
-  static uint32_t merge(const Chunks& a, const Chunks& b, Both both) {
-    static Chunks room(2 * kSetElements);
-    Chunk* out = room.data();
+  uint32_t merge(const Chunks& a, const Chunks& b, Both both) {
+    Chunk* out = chunks.data();
     uint32_t count = 0;
     const auto put = [&](Chunk chunk) {
       count += static_cast<uint32_t>(__builtin_popcountll(chunk.bits));
@@ -155,16 +159,16 @@ struct Floor {
     }
     if (kOnlyA) std::for_each(left, a.end(), put);
     if (kOnlyB) std::for_each(right, b.end(), put);
-    benchmark::DoNotOptimize(room.data());
+    benchmark::DoNotOptimize(chunks.data());
     return count;
   }
-  static uint32_t unite(const Floor& a, const Floor& b) {
+  uint32_t unite(const Floor& a, const Floor& b) {
     return merge<true, true>(a.chunks, b.chunks, [](uint64_t x, uint64_t y) { return x | y; });
   }
-  static uint32_t intersect(const Floor& a, const Floor& b) {
+  uint32_t intersect(const Floor& a, const Floor& b) {
     return merge<false, false>(a.chunks, b.chunks, [](uint64_t x, uint64_t y) { return x & y; });
   }
-  static uint32_t subtract(const Floor& a, const Floor& b) {
+  uint32_t subtract(const Floor& a, const Floor& b) {
     return merge<true, false>(a.chunks, b.chunks, [](uint64_t x, uint64_t y) { return x & ~y; });
   }
   bool contains(uint32_t element) const { return std::binary_search(sorted.begin(), sorted.end(), element); }
@@ -184,8 +188,9 @@ template <class Contestant, class Operation>
 void combine(benchmark::State& state, const Operands& from, size_t size, Operation operation) {
   const Contestant a(from.a);
   const Contestant b(from.b);
+  Contestant result;
   for (auto _ : state) {
-    if (operation(a, b) != size) state.SkipWithError("a wrong result");
+    if ((result.*operation)(a, b) != size) state.SkipWithError("a wrong result");
   }
   countItems(state, 1);
 }
@@ -236,10 +241,10 @@ void addContestant(const char* name) {
   constexpr auto unite = [](auto... args) { return std::set_union(args...); };
   constexpr auto intersect = [](auto... args) { return std::set_intersection(args...); };
   constexpr auto subtract = [](auto... args) { return std::set_difference(args...); };
-  addCombination("sets.union", operands<1024>(), unite, Contestant::unite);
-  addCombination("sets.intersection", operands<1024>(), intersect, Contestant::intersect);
-  addCombination("sets.difference", operands<1024>(), subtract, Contestant::subtract);
-  addCombination("sets.dense", operands<64>(), unite, Contestant::unite);
+  addCombination("sets.union", operands<1024>(), unite, &Contestant::unite);
+  addCombination("sets.intersection", operands<1024>(), intersect, &Contestant::intersect);
+  addCombination("sets.difference", operands<1024>(), subtract, &Contestant::subtract);
+  addCombination("sets.dense", operands<64>(), unite, &Contestant::unite);
   add("sets.contains", name, contains<Contestant>);
 }
 
@@ -248,7 +253,9 @@ void addContestant(const char* name) {
 void registerRows() {
   addContestant<Ours>("ours");
   addContestant<Floor>("floor");
-  addContestant<Roaring<false>>("roaring");
-  addContestant<Roaring<true>>("roaring, runs");
-  add("growth.sets.union", "ours", growth)->RangeMultiplier(10)->Range(1000, 10000000);
+  addContestant<Roaring<false, false>>("roaring");
+  addContestant<Roaring<true, false>>("roaring, runs");
+  addContestant<Roaring<false, true>>("roaring, in place");
+  addContestant<Roaring<true, true>>("roaring, runs, in place");
+  addGrowth("growth.sets.union", "ours", growth);
 }

@@ -89,6 +89,6 @@ void registerRows() {
   addContestant<Ours>("ours");
   addContestant<Floor>("floor");
   addContestant<Standard>("std::string");
-  add("growth.strings", "ours", growth<Ours>)->RangeMultiplier(10)->Range(1000, 10000000);
-  add("growth.strings", "std::string", growth<Standard>)->RangeMultiplier(10)->Range(1000, 10000000);
+  addGrowth("growth.strings", "ours", growth<Ours>);
+  addGrowth("growth.strings", "std::string", growth<Standard>);
 }

@@ -38,9 +38,10 @@ VESK_BEGIN_DECLS
 typedef void (*VeskRangeTableDestroyItem)(uint64_t item);
 
 typedef struct RangeTable {
-  uint32_t flags;    /* creation flags; bits 8 to 15: category, 16 to 19: slab shift; fixed */
-  uint32_t minLevel; /* 4 */
-  uint32_t maxLevel; /* 4 to 26; fixed */
+  uint32_t flags;      /* creation flags; bits 8 to 15: category, 16 to 19: slab shift; fixed */
+  uint32_t minLevel;   /* 4 */
+  uint32_t maxLevel;   /* 4 to 26; fixed */
+  uint32_t levelsMade; /* bit L - 4: element L - 4 below is not null; the library's own */
   VeskRangeTableDestroyItem destroyItem; /* or null; fixed */
   VeskHashTable**
       levels; /* element L - 4: block start to entry (or chain, at level 4); null until its first block */

@@ -52,6 +52,7 @@
   const places = data.places.map(([name, module, offset, file, line, inlined]) => ({
     name: name || (module ? `${module}+${offset}` : offset),
     module: name ? module : "",
+    home: module,
     source: file ? `${file}:${line}` : "",
     inlined,
     search: `${name} ${module} ${file}`.toLowerCase(),
@@ -78,7 +79,7 @@
     const { run, before } = data;
     byId("program").textContent = run.program.slice(run.program.lastIndexOf("/") + 1) || run.program;
     byId("about").textContent = comparing
-      ? `now: ${run.path} (${run.program}, ${ended(run)}); before: ${before.path} (${before.program}, ${ended(before)})`
+      ? `now: ${run.path} (${run.program}, ${ended(run)})\nbefore: ${before.path} (${before.program}, ${ended(before)})`
       : `${run.program}, ${ended(run)}`;
     for (const [index, column] of kColumns.entries()) {
       const now = run.totals[index];
@@ -99,6 +100,22 @@
 
   let chart = null;
 
+  // The samples and the peak. Where samples are further apart than their interval, nothing happened from its end on.
+  function timeline(run) {
+    const peak = [run.peakMilliseconds, run.totals[0]];
+    const points = [];
+    for (const point of [...run.samples, peak].sort((left, right) => left[0] - right[0])) {
+      const last = points.at(-1);
+      if (last && last[0] === point[0]) {
+        last[1] = Math.max(last[1], point[1]);
+        continue;
+      }
+      if (last && point[0] - last[0] > 1.5 * run.interval) points.push([last[0] + run.interval, point[1]]);
+      points.push([...point]);
+    }
+    return [points.map(([time]) => time / 1000), points.map(([, bytes]) => bytes)];
+  }
+
   function drawChart() {
     const runs = comparing ? [data.run, data.before] : [data.run];
     if (runs.every((run) => run.samples.length === 0)) {
@@ -107,15 +124,15 @@
     }
     const style = getComputedStyle(document.documentElement);
     const colour = (name) => style.getPropertyValue(name).trim();
-    const tables = runs.map((run) => [run.samples.map((sample) => sample[0] / 1000), run.samples.map((sample) => sample[1])]);
+    const tables = runs.map(timeline);
     for (const run of runs) tables.push([[run.peakMilliseconds / 1000], [run.totals[0]]]);
     const value = (_, bytes) => (bytes == null ? "\u2013" : size(bytes));
     const line = (label, name, fill) => ({
       label, value, stroke: colour(name), width: 2, fill: fill && colour(fill), spanGaps: true,
-      points: { show: false }, paths: uPlot.paths.stepped({ align: 1 }),
+      points: { show: false },
     });
-    const peak = (label, name) => ({
-      label, value, stroke: colour(name), paths: () => null, points: { show: true, size: 9, fill: colour(name) },
+    const peak = (label, run, name) => ({
+      label: `${label} ${size(run.totals[0])}`, value: () => "", stroke: colour(name), paths: () => null, points: { show: true, size: 9, fill: colour(name) },
     });
     const axis = { stroke: colour("--quiet"), grid: { stroke: colour("--line"), width: 1 }, ticks: { stroke: colour("--line") },
       font: "12px system-ui, sans-serif" };
@@ -132,8 +149,9 @@
       ],
       series: [
         { label: "time", value: (_, time) => (time == null ? "\u2013" : `${time.toFixed(3)} s`) },
-        ...(comparing ? [line("now", "--accent"), line("before", "--before"), peak("peak now", "--accent"), peak("peak before", "--before")]
-          : [line("live", "--accent", "--fill"), peak("peak", "--growth")]),
+        ...(comparing ? [line("now", "--accent"), line("before", "--before"), peak("peak now", data.run, "--accent"),
+          peak("peak before", data.before, "--before")]
+          : [line("live", "--accent", "--fill"), peak("peak", data.run, "--growth")]),
       ],
       cursor: { drag: { x: true, y: false } },
     }, uPlot.join(tables), box);
@@ -205,7 +223,7 @@
     }
     if (place === null) return `hsl(210 8% ${light}%)`;
     const shade = (hue(place.name) % 9) - 4;
-    return `hsl(${hue(place.module || "?")} ${place.inlined ? 35 : 55}% ${light + shade}%)`;
+    return `hsl(${hue(place.home)} ${place.inlined ? 35 : 55}% ${light + shade}%)`;
   }
 
   function describe(node) {
@@ -231,11 +249,12 @@
     flame.root = flameTree(flame.metric.column);
     flame.at = null;
     flame.found = "";
-    flame.chart = flamegraph()
+    flame.chart = flamegraph.default()
       .width(box.clientWidth)
       .cellHeight(21)
       .minFrameSize(1)
       .inverted(true)
+      .resetHeightOnZoom(true)
       .sort((left, right) => right.data.value - left.data.value)
       .transitionDuration(still.matches ? 0 : 250)
       .setColorMapper(boxColour)
@@ -315,7 +334,7 @@
 
   // ---- Call stacks ----
 
-  const kRowsAtOnce = 100;
+  const kRowsAtOnce = 40;
   const table = { column: 0, descending: true, most: kRowsAtOnce, filter: "" };
   const kTies = [0, kLive, 3, 4];
 

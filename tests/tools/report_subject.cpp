@@ -5,6 +5,8 @@
 #include <string>
 #include <vector>
 
+#include <unistd.h>
+
 asm(R"(
   .text
   .globl "</script><script>window.hacked=1</script><b>&amp;"
@@ -53,6 +55,7 @@ int main(int argc, char** argv) {
   for (int i = 0; i < 200; ++i) {
     kept = std::malloc(50'000);
     std::free(kept);
+    if (i % 40 == 0) usleep(3000); // so that there is something over time
   }
   std::vector<std::string> texts(500, std::string(100, 'x'));
   return texts.size() == 500 ? 0 : 1;

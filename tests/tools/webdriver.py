@@ -87,7 +87,7 @@ class Browser:
 
     def screenshot(self, path):
         size = self.devtools("Page.getLayoutMetrics")["cssContentSize"]
-        clip = {"x": 0, "y": 0, "width": size["width"], "height": size["height"], "scale": 1}
+        clip = {"x": 0, "y": 0, "width": self.run("return innerWidth"), "height": size["height"], "scale": 1}
         shot = self.devtools("Page.captureScreenshot", format="png", captureBeyondViewport=True, clip=clip)
         with open(path, "wb") as file:
             file.write(base64.b64decode(shot["data"]))

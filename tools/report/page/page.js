@@ -104,6 +104,7 @@
   function timeline(run) {
     const peak = [run.peakMilliseconds, run.totals[0]];
     const points = [];
+    if (run.samples.length === 0) return [[], []];
     for (const point of [...run.samples, peak].sort((left, right) => left[0] - right[0])) {
       const last = points.at(-1);
       if (last && last[0] === point[0]) {
@@ -118,13 +119,13 @@
 
   function drawChart() {
     const runs = comparing ? [data.run, data.before] : [data.run];
-    if (runs.every((run) => run.samples.length === 0)) {
+    const tables = runs.map(timeline);
+    if (tables.every(([times]) => times.length < 2)) {
       byId("time").hidden = true;
       return;
     }
     const style = getComputedStyle(document.documentElement);
     const colour = (name) => style.getPropertyValue(name).trim();
-    const tables = runs.map(timeline);
     for (const run of runs) tables.push([[run.peakMilliseconds / 1000], [run.totals[0]]]);
     const value = (_, bytes) => (bytes == null ? "\u2013" : size(bytes));
     const line = (label, name, fill) => ({
@@ -205,10 +206,18 @@
     return root;
   }
 
-  function hue(text) {
-    let hash = 2166136261;
-    for (let i = 0; i < text.length; ++i) hash = Math.imul(hash ^ text.charCodeAt(i), 16777619);
-    return (hash >>> 0) % 360;
+  // Of modules, as far apart as those before it allow.
+  const hues = new Map();
+  function hueOf(module) {
+    if (!hues.has(module)) hues.set(module, (95 + 137.5 * hues.size) % 360);
+    return hues.get(module);
+  }
+
+  // So that neighbours can be told apart.
+  function shadeOf(name) {
+    let sum = 0;
+    for (let i = 0; i < name.length; ++i) sum = (31 * sum + name.charCodeAt(i)) % 9973;
+    return (sum % 9) - 4;
   }
 
   // By module; of a comparison by what became of it.
@@ -222,8 +231,7 @@
       return `hsl(${strength > 0 ? 8 : 140} ${30 + 50 * Math.abs(strength)}% ${light + 6 - 10 * Math.abs(strength)}%)`;
     }
     if (place === null) return `hsl(210 8% ${light}%)`;
-    const shade = (hue(place.name) % 9) - 4;
-    return `hsl(${hue(place.home)} ${place.inlined ? 35 : 55}% ${light + shade}%)`;
+    return `hsl(${hueOf(place.home)} ${place.inlined ? 35 : 55}% ${light + shadeOf(place.name)}%)`;
   }
 
   function describe(node) {
@@ -265,7 +273,7 @@
       .setSearchMatch((node, term) => node.data.place !== null && node.data.place.search.includes(term))
       .setSearchHandler((results, sum) => {
         const column = kColumns[flame.metric.column];
-        flame.found = `${count(results.length)} boxes match: ${readable(sum, column.isSize)} ${flame.metric.of}, ${share(sum, flame.root.value)}`;
+        flame.found = `${results.length === 1 ? "1 box matches" : `${count(results.length)} boxes match`}: ${readable(sum, column.isSize)} ${flame.metric.of}, ${share(sum, flame.root.value)}`;
         showDetails(null);
       });
     d3.select(box).datum(flame.root).call(flame.chart);

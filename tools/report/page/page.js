@@ -100,21 +100,24 @@
 
   let chart = null;
 
-  // The samples and the peak. Where samples are further apart than their interval, nothing happened from its end on.
+  // The samples, of which the last is the end, and the peak. Where samples are further apart than their interval, the
+  // state stayed from the interval's end to the event of the next sample: one event before what that one says.
   function timeline(run) {
-    const peak = [run.peakMilliseconds, run.totals[0]];
-    const points = [];
-    if (run.samples.length === 0) return [[], []];
-    for (const point of [...run.samples, peak].sort((left, right) => left[0] - right[0])) {
-      const last = points.at(-1);
-      if (last && last[0] === point[0]) {
-        last[1] = Math.max(last[1], point[1]);
-        continue;
+    const { samples, interval } = run;
+    if (samples.length === 0) return [[], []];
+    const found = samples.findIndex(([time]) => time > run.peakMilliseconds);
+    const afterPeak = found === -1 ? samples.length - 1 : found;
+    const times = [], bytes = [];
+    for (const [time, live] of samples.toSpliced(afterPeak, 0, [run.peakMilliseconds, run.totals[0]])) {
+      const last = times.at(-1) ?? -1;
+      if (times.length > 0 && time - last > 1.5 * interval) {
+        times.push(last + interval);
+        bytes.push(live);
       }
-      if (last && point[0] - last[0] > 1.5 * run.interval) points.push([last[0] + run.interval, point[1]]);
-      points.push([...point]);
+      times.push(time > last ? time : last + 0.1); // times are told in whole milliseconds
+      bytes.push(live);
     }
-    return [points.map(([time]) => time / 1000), points.map(([, bytes]) => bytes)];
+    return [times.map((time) => time / 1000), bytes];
   }
 
   function drawChart() {
@@ -223,7 +226,7 @@
   // By module; of a comparison by what became of it.
   function boxColour(node) {
     const { place, now, before } = node.data;
-    const light = dark.matches ? 62 : 76;
+    const light = dark.matches ? 68 : 78;
     if (node.highlight) return `hsl(310 75% ${light}%)`;
     if (comparing) {
       const strength = (now - before) / Math.max(now, before, 1);

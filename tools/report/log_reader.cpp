@@ -1,6 +1,6 @@
-// A log is a file of records first and an XML document second: it has no end while its process runs or after that was
-// killed, it goes on behind its end, and a death may leave part of a record. So the records are found by their tags,
-// which cannot stand inside one (arguments are escaped), and each is parsed for itself.
+// A log is a file of records first and an XML document second: it has no end while its process runs or after
+// that was killed, it goes on behind its end, and a death may leave part of a record. So the records are found
+// by their tags, which stand inside one in comments alone, and each is parsed for itself.
 #include <string_view>
 
 #include <pugixml.hpp>
@@ -40,9 +40,11 @@ public:
 
   // Null if there is none.
   pugi::xml_node findRoot() {
-    const std::size_t start = findTag(kLog, 0);
+    std::size_t start = text_.find(kLog);
+    while (start != std::string_view::npos && !isTag(text_.substr(start), kLog))
+      start = text_.find(kLog, start + 1);
     const std::size_t end = text_.find('>', start);
-    if (end == std::string_view::npos) return {};
+    if (start == std::string_view::npos || end == std::string_view::npos) return {};
     root_.load_buffer(text_.data() + start, end + 1 - start, pugi::parse_fragment);
     return root_.first_child();
   }
@@ -72,13 +74,6 @@ private:
            std::string_view(" \t\r\n>").find(text[tag.size()]) != std::string_view::npos;
   }
 
-  std::size_t findTag(std::string_view tag, std::size_t from) const {
-    for (std::size_t at = from; (at = text_.find(tag, at)) != std::string_view::npos; ++at) {
-      if (isTag(text_.substr(at), tag)) return at;
-    }
-    return std::string_view::npos;
-  }
-
   // Each returns where to go on.
   std::size_t readNote(Log& log, std::size_t start) {
     const std::size_t textStart = start + kNote.size();
@@ -95,15 +90,32 @@ private:
     return end + kNoteEnd.size();
   }
 
+  // Behind the end of the record that starts there, or where the next one starts: this one is torn then.
+  std::size_t findEnd(std::size_t start, bool& whole) const {
+    whole = false;
+    for (std::size_t at = start + 1; (at = text_.find('<', at)) != std::string_view::npos; ++at) {
+      const std::string_view rest = text_.substr(at);
+      if (rest.starts_with(kNote)) { // may hold anything
+        at = text_.find(kNoteEnd, at);
+        if (at == std::string_view::npos) break;
+      } else if (rest.starts_with(kRecordEnd)) {
+        whole = true;
+        return at + kRecordEnd.size();
+      } else if (isTag(rest, kRecord)) {
+        return at;
+      }
+    }
+    return text_.size();
+  }
+
   std::size_t readRecord(Log& log, std::size_t start) {
-    const std::size_t end = text_.find(kRecordEnd, start);
-    const std::size_t next = findTag(kRecord, start + 1);
+    bool whole;
+    const std::size_t end = findEnd(start, whole);
     pugi::xml_document document;
-    if (end > next || end == std::string_view::npos ||
-        !document.load_buffer(text_.data() + start, end + kRecordEnd.size() - start,
-                              pugi::parse_default | pugi::parse_comments | pugi::parse_fragment)) {
+    if (!whole || !document.load_buffer(text_.data() + start, end - start,
+                                        pugi::parse_default | pugi::parse_comments | pugi::parse_fragment)) {
       ++log.torn;
-      return std::min(next, text_.size());
+      return end;
     }
     const pugi::xml_node message = document.first_child();
     LogRecord& record = log.records.emplace_back();
@@ -118,7 +130,7 @@ private:
       record.arguments.emplace_back(printable(argument.attribute("name").value()),
                                     printable(argument.text().get()));
     }
-    return end + kRecordEnd.size();
+    return end;
   }
 
   std::string_view text_;

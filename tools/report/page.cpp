@@ -65,6 +65,8 @@ void add(Json& json, const Run& run) {
     json.endArray();
   }
   json.endArray();
+  json.key("interval");
+  json.value(run.sampleMilliseconds);
   json.key("samples");
   json.beginArray();
   for (const Sample& sample : run.samples) {

@@ -112,7 +112,7 @@ Profile makeProfile(HeapResult result, const std::string& path, const NameSettin
   profile.places = places.take();
   profile.run = {printable(path),          std::move(result.program), result.pid,
                  std::move(result.end),    std::move(result.status),  result.milliseconds,
-                 std::move(result.totals), std::move(result.samples)};
+                 std::move(result.totals), result.sampleMilliseconds, std::move(result.samples)};
   return profile;
 }
 

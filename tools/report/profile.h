@@ -32,6 +32,7 @@ struct Run {
   std::string status;
   std::uint64_t milliseconds;
   Totals totals;
+  std::uint64_t sampleMilliseconds;
   std::vector<Sample> samples;
 };
 

@@ -67,6 +67,7 @@ struct HeapResult {
   std::vector<Module> modules;
   std::vector<Frame> frames;
   std::vector<Stack> stacks;
+  std::uint64_t sampleMilliseconds = 0; // between samples
   std::vector<Sample> samples;
 };
 

@@ -158,6 +158,8 @@ HeapResult readHeap(const Reader& reader, const pugi::xml_node& root, Progress& 
     result.stacks.push_back(readStack(reader, stack, frameIds));
     progress.show("reading call stacks", 0, 0);
   }
+  if (const auto timeline = root.child("timeline"))
+    result.sampleMilliseconds = reader.attribute(timeline, "interval");
   for (const auto& sample : root.child("timeline").children("sample")) {
     result.samples.push_back({reader.attribute(sample, "milliseconds"), reader.attribute(sample, "liveBytes"),
                               reader.attribute(sample, "liveBlocks"), reader.attribute(sample, "calls")});

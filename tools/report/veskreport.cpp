@@ -1,4 +1,5 @@
 // veskreport: turns what a collector has left into a report for a person.
+#include <algorithm>
 #include <cstdio>
 #include <map>
 
@@ -96,64 +97,90 @@ void reportResult(const CommandLine& line) {
   print(annotationsTable(std::get<AnnotationsResult>(result), findTerminal()));
 }
 
-void addOptions(CLI::App& app, CommandLine& line) {
+constexpr char kResultOptions[] = "Options for a result";
+constexpr char kTableOptions[] = "Options for the table";
+constexpr char kLogOptions[] = "Options for a log";
+
+void addResultOptions(CLI::App& app, CommandLine& line) {
   static const std::map<std::string, Metric> kMetrics = {{"peak", Metric::kPeak},
                                                          {"live", Metric::kLive},
                                                          {"bytes", Metric::kBytes},
                                                          {"calls", Metric::kCalls},
                                                          {"temporary", Metric::kTemporary}};
+  app.add_option("RESULT", line.result, "The result file of the heap or the annotations collector")
+      ->type_name("");
+  const auto add = [&app](CLI::Option* option, const char* type) {
+    option->type_name(type)->group(kResultOptions);
+  };
+  add(app.add_option("--html", line.page, "Write a page for a browser, in place of the table"), "OUT");
+  add(app.add_option("--diff", line.old, "Compare with this older heap result"), "OLD");
+  add(app.add_flag("--leaks", line.table.selection.leaks, "Only what was left at the end, by its bytes"), "");
+  add(app.add_option("--sort", line.table.selection.metric,
+                     "Sort by peak, live (at the end), bytes, calls or temporary, the highest first")
+          ->transform(CLI::CheckedTransformer(kMetrics).description("")),
+      "KEY");
+  add(app.add_flag("--library-inlines", line.names.libraryInlines,
+                   "Show all inlined functions of the C++ library, not the outermost of each run alone"),
+      "");
+  add(app.add_option("--debug-dir", line.names.debugDirectory,
+                     "Look for separate debug files here, too (.build-id/), beside /usr/lib/debug"),
+      "DIR");
+  app.add_option("--top", line.table.top, "Call stacks, 0 for all")
+      ->type_name("N")
+      ->capture_default_str()
+      ->group(kTableOptions);
+  app.add_option("--frames", line.table.frames, "Frames of each call stack")
+      ->type_name("N")
+      ->capture_default_str()
+      ->group(kTableOptions);
+}
+
+void addLogOptions(CLI::App& app, CommandLine& line) {
   static const std::map<std::string, Severity> kSeverities = {{"error", Severity::kError},
                                                               {"warning", Severity::kWarning},
                                                               {"info", Severity::kInfo},
                                                               {"note", Severity::kNote}};
-
-  app.set_version_flag("--version", "veskreport " VESK_VERSION);
-  auto* result =
-      app.add_option("RESULT", line.result, "Result file of the heap or the annotations collector");
-  auto* old = app.add_option("--diff", line.old, "Compare with this older heap result")->type_name("OLD");
-  auto* page = app.add_option("--html", line.page, "Write a page for a browser, in place of the table")
-                   ->type_name("OUT");
-  auto* sort = app.add_option("--sort", line.table.selection.metric,
-                              "Sort by peak, live (at the end), bytes, calls or temporary, the highest first")
-                   ->type_name("KEY")
-                   ->transform(CLI::CheckedTransformer(kMetrics).description(""));
-  auto* top = app.add_option("--top", line.table.top, "Call stacks in the table, 0 for all")
-                  ->type_name("N")
-                  ->capture_default_str();
-  auto* frames = app.add_option("--frames", line.table.frames, "Frames of each call stack in the table")
-                     ->type_name("N")
-                     ->capture_default_str();
-  auto* leaks =
-      app.add_flag("--leaks", line.table.selection.leaks, "Only what was left at the end, by its bytes");
-  auto* inlines =
-      app.add_flag("--library-inlines", line.names.libraryInlines,
-                   "Show all inlined functions of the C++ library, not the outermost of each run alone");
-  auto* debug = app.add_option("--debug-dir", line.names.debugDirectory,
-                               "Look for separate debug files here, too (.build-id/), beside /usr/lib/debug")
-                    ->type_name("DIR");
-  auto* log =
-      app.add_option("--log", line.log, "Read a collector's log in place of a result")->type_name("LOG");
+  app.add_option("--log", line.log, "Read a collector's log in place of a result")
+      ->type_name("LOG")
+      ->group(kLogOptions);
   app.add_option("--severity", line.logSettings.least,
                  "The least grave records to show: error, warning, info or note")
       ->type_name("WORD")
       ->transform(CLI::CheckedTransformer(kSeverities).description(""))
-      ->needs(log);
+      ->group(kLogOptions);
   app.add_option("--source", line.logSettings.source, "Only records of this source")
       ->type_name("NAME")
-      ->needs(log);
-  page->excludes(top)->excludes(frames);
-  for (CLI::Option* other : {result, old, page, sort, top, frames, leaks, inlines, debug})
-    log->excludes(other);
-  app.footer(kFooter);
+      ->group(kLogOptions);
+}
+
+bool anyGiven(const CLI::App& app, const char* group) {
+  const auto options = app.get_options();
+  return std::any_of(options.begin(), options.end(), [group](const CLI::Option* option) {
+    return option->get_group() == group && option->count() != 0;
+  });
+}
+
+void checkCombination(const CLI::App& app, const CommandLine& line) {
+  if (line.log.empty()) {
+    if (anyGiven(app, kLogOptions)) throw CLI::RequiresError("--severity and --source", "--log");
+    if (line.result.empty()) throw CLI::RequiredError("RESULT or --log");
+    if (!line.page.empty() && anyGiven(app, kTableOptions))
+      throw CLI::ExcludesError("--top and --frames", "--html");
+  } else if (!line.result.empty() || anyGiven(app, kResultOptions) || anyGiven(app, kTableOptions)) {
+    throw CLI::ExcludesError("RESULT and its options", "--log");
+  }
 }
 
 ExitStatus run(int argc, char** argv) {
   CLI::App app("Turns what a collector has left into a table, a page, or sentences.", "veskreport");
   CommandLine line;
-  addOptions(app, line);
+  app.set_version_flag("--version", "veskreport " VESK_VERSION);
+  addResultOptions(app, line);
+  addLogOptions(app, line);
+  app.footer(kFooter);
   try {
     app.parse(argc, argv);
-    if (line.result.empty() && line.log.empty()) throw CLI::RequiredError("RESULT or --log");
+    checkCombination(app, line);
   } catch (const CLI::ParseError& error) {
     return app.exit(error) == 0 ? kDone : kUsage;
   }

@@ -52,6 +52,7 @@
   const places = data.places.map(([name, module, offset, file, line, inlined]) => ({
     name: name || (module ? `${module}+${offset}` : offset),
     module: name ? module : "",
+    home: module,
     source: file ? `${file}:${line}` : "",
     inlined,
     search: `${name} ${module} ${file}`.toLowerCase(),
@@ -78,7 +79,7 @@
     const { run, before } = data;
     byId("program").textContent = run.program.slice(run.program.lastIndexOf("/") + 1) || run.program;
     byId("about").textContent = comparing
-      ? `now: ${run.path} (${run.program}, ${ended(run)}); before: ${before.path} (${before.program}, ${ended(before)})`
+      ? `now: ${run.path} (${run.program}, ${ended(run)})\nbefore: ${before.path} (${before.program}, ${ended(before)})`
       : `${run.program}, ${ended(run)}`;
     for (const [index, column] of kColumns.entries()) {
       const now = run.totals[index];
@@ -99,23 +100,43 @@
 
   let chart = null;
 
+  // The samples, of which the last is the end, and the peak. Where samples are further apart than their interval, the
+  // state stayed from the interval's end to the event of the next sample: one event before what that one says.
+  function timeline(run) {
+    const { samples, interval } = run;
+    if (samples.length === 0) return [[], []];
+    const found = samples.findIndex(([time]) => time > run.peakMilliseconds);
+    const afterPeak = found === -1 ? samples.length - 1 : found;
+    const times = [], bytes = [];
+    for (const [time, live] of samples.toSpliced(afterPeak, 0, [run.peakMilliseconds, run.totals[0]])) {
+      const last = times.at(-1) ?? -1;
+      if (times.length > 0 && time - last > 1.5 * interval) {
+        times.push(last + interval);
+        bytes.push(live);
+      }
+      times.push(time > last ? time : last + 0.1); // times are told in whole milliseconds
+      bytes.push(live);
+    }
+    return [times.map((time) => time / 1000), bytes];
+  }
+
   function drawChart() {
     const runs = comparing ? [data.run, data.before] : [data.run];
-    if (runs.every((run) => run.samples.length === 0)) {
+    const tables = runs.map(timeline);
+    if (tables.every(([times]) => times.length < 2)) {
       byId("time").hidden = true;
       return;
     }
     const style = getComputedStyle(document.documentElement);
     const colour = (name) => style.getPropertyValue(name).trim();
-    const tables = runs.map((run) => [run.samples.map((sample) => sample[0] / 1000), run.samples.map((sample) => sample[1])]);
     for (const run of runs) tables.push([[run.peakMilliseconds / 1000], [run.totals[0]]]);
     const value = (_, bytes) => (bytes == null ? "\u2013" : size(bytes));
     const line = (label, name, fill) => ({
       label, value, stroke: colour(name), width: 2, fill: fill && colour(fill), spanGaps: true,
-      points: { show: false }, paths: uPlot.paths.stepped({ align: 1 }),
+      points: { show: false },
     });
-    const peak = (label, name) => ({
-      label, value, stroke: colour(name), paths: () => null, points: { show: true, size: 9, fill: colour(name) },
+    const peak = (label, run, name) => ({
+      label: `${label} ${size(run.totals[0])}`, value: () => "", stroke: colour(name), paths: () => null, points: { show: true, size: 9, fill: colour(name) },
     });
     const axis = { stroke: colour("--quiet"), grid: { stroke: colour("--line"), width: 1 }, ticks: { stroke: colour("--line") },
       font: "12px system-ui, sans-serif" };
@@ -132,8 +153,9 @@
       ],
       series: [
         { label: "time", value: (_, time) => (time == null ? "\u2013" : `${time.toFixed(3)} s`) },
-        ...(comparing ? [line("now", "--accent"), line("before", "--before"), peak("peak now", "--accent"), peak("peak before", "--before")]
-          : [line("live", "--accent", "--fill"), peak("peak", "--growth")]),
+        ...(comparing ? [line("now", "--accent"), line("before", "--before"), peak("peak now", data.run, "--accent"),
+          peak("peak before", data.before, "--before")]
+          : [line("live", "--accent", "--fill"), peak("peak", data.run, "--growth")]),
       ],
       cursor: { drag: { x: true, y: false } },
     }, uPlot.join(tables), box);
@@ -187,16 +209,24 @@
     return root;
   }
 
-  function hue(text) {
-    let hash = 2166136261;
-    for (let i = 0; i < text.length; ++i) hash = Math.imul(hash ^ text.charCodeAt(i), 16777619);
-    return (hash >>> 0) % 360;
+  // Of modules, as far apart as those before it allow.
+  const hues = new Map();
+  function hueOf(module) {
+    if (!hues.has(module)) hues.set(module, (95 + 137.5 * hues.size) % 360);
+    return hues.get(module);
+  }
+
+  // So that neighbours can be told apart.
+  function shadeOf(name) {
+    let sum = 0;
+    for (let i = 0; i < name.length; ++i) sum = (31 * sum + name.charCodeAt(i)) % 9973;
+    return (sum % 9) - 4;
   }
 
   // By module; of a comparison by what became of it.
   function boxColour(node) {
     const { place, now, before } = node.data;
-    const light = dark.matches ? 62 : 76;
+    const light = dark.matches ? 68 : 78;
     if (node.highlight) return `hsl(310 75% ${light}%)`;
     if (comparing) {
       const strength = (now - before) / Math.max(now, before, 1);
@@ -204,8 +234,7 @@
       return `hsl(${strength > 0 ? 8 : 140} ${30 + 50 * Math.abs(strength)}% ${light + 6 - 10 * Math.abs(strength)}%)`;
     }
     if (place === null) return `hsl(210 8% ${light}%)`;
-    const shade = (hue(place.name) % 9) - 4;
-    return `hsl(${hue(place.module || "?")} ${place.inlined ? 35 : 55}% ${light + shade}%)`;
+    return `hsl(${hueOf(place.home)} ${place.inlined ? 35 : 55}% ${light + shadeOf(place.name)}%)`;
   }
 
   function describe(node) {
@@ -231,11 +260,12 @@
     flame.root = flameTree(flame.metric.column);
     flame.at = null;
     flame.found = "";
-    flame.chart = flamegraph()
+    flame.chart = flamegraph.default()
       .width(box.clientWidth)
       .cellHeight(21)
       .minFrameSize(1)
       .inverted(true)
+      .resetHeightOnZoom(true)
       .sort((left, right) => right.data.value - left.data.value)
       .transitionDuration(still.matches ? 0 : 250)
       .setColorMapper(boxColour)
@@ -246,7 +276,7 @@
       .setSearchMatch((node, term) => node.data.place !== null && node.data.place.search.includes(term))
       .setSearchHandler((results, sum) => {
         const column = kColumns[flame.metric.column];
-        flame.found = `${count(results.length)} boxes match: ${readable(sum, column.isSize)} ${flame.metric.of}, ${share(sum, flame.root.value)}`;
+        flame.found = `${results.length === 1 ? "1 box matches" : `${count(results.length)} boxes match`}: ${readable(sum, column.isSize)} ${flame.metric.of}, ${share(sum, flame.root.value)}`;
         showDetails(null);
       });
     d3.select(box).datum(flame.root).call(flame.chart);
@@ -315,7 +345,7 @@
 
   // ---- Call stacks ----
 
-  const kRowsAtOnce = 100;
+  const kRowsAtOnce = 40;
   const table = { column: 0, descending: true, most: kRowsAtOnce, filter: "" };
   const kTies = [0, kLive, 3, 4];
 

@@ -11,8 +11,8 @@
 
 #include <benchmark/benchmark.h>
 
-#include "veskrt/host.h"
 #include "veskrt/hash_table.h"
+#include "veskrt/host.h"
 #include "veskrt/range_table.h"
 #include "veskrt/tree.h"
 

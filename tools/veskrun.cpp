@@ -98,7 +98,8 @@ std::filesystem::path findHost() {
     auto candidate = (here / place / "libveskhost.so").lexically_normal();
     if (std::filesystem::exists(candidate, ignored)) return candidate;
   }
-  fail(kUsageError, "libveskhost.so is neither beside " + here.string() + "/veskrun nor in " VESK_COLLECTOR_DIRECTORY);
+  fail(kUsageError,
+       "libveskhost.so is neither beside " + here.string() + "/veskrun nor in " VESK_COLLECTOR_DIRECTORY);
 }
 
 // Collectors lie beside the host, each as libvesk and its name.

@@ -32,7 +32,7 @@ typedef void* (*VeskHostAllocateProc)(uint64_t bytes);
 typedef void (*VeskHostFreeProc)(void* block);
 
 /* Installs the pair and builds the table of size classes. Only the first call has an effect. If the host
- * cannot supply the table (about 4 MiB), the process ends. */
+ * cannot supply the table (about 8 MiB), the process ends. */
 VESK_API void __VeskInitializeSubAllocator(VeskHostAllocateProc allocate, VeskHostFreeProc release);
 
 /* A block of at least `size` usable bytes for `category` (0 to 63; a higher one counts as 0). Slabs that this

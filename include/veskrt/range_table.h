@@ -38,12 +38,14 @@ VESK_BEGIN_DECLS
 typedef void (*VeskRangeTableDestroyItem)(uint64_t item);
 
 typedef struct RangeTable {
-  uint32_t flags;    /* creation flags; bits 8 to 15: category, 16 to 19: slab shift; fixed */
-  uint32_t minLevel; /* 4 */
-  uint32_t maxLevel; /* 4 to 26; fixed */
+  uint32_t flags;                        /* as created; category << 8, slab shift << 16; fixed */
+  uint32_t minLevel;                     /* 4 */
+  uint32_t maxLevel;                     /* 4 to 26; fixed */
   VeskRangeTableDestroyItem destroyItem; /* or null; fixed */
-  VeskHashTable**
-      levels; /* element L - 4: block start to entry (or chain, at level 4); null until its first block */
+
+  /* Element L - 4: from a block's start to its entry (at level 4 perhaps a chain); null until level L has its
+   * first block. */
+  VeskHashTable** levels;
 } RangeTable;
 
 /* A range that is in a table. */

@@ -35,12 +35,11 @@ typedef struct VESK_QEL_LOCATION {
 
 /* What a callback gets; valid during the call only. */
 typedef struct VESK_QEL_RECORD {
-  uint64_t address; /* the annotated address, relocated */
-  const char* name; /* in the section, or in the definition */
-  const unsigned char*
-      expression;       /* the location expression in the section, from its length on; null for definitions */
-  uint32_t probe;       /* the item's probe word, or 0 */
-  uint32_t hasLocation; /* 1: `location` is filled; 0: it is undefined */
+  uint64_t address;                /* the annotated address, relocated */
+  const char* name;                /* in the section, or in the definition */
+  const unsigned char* expression; /* in the section, from its length on; null for definitions */
+  uint32_t probe;                  /* the item's probe word, or 0 */
+  uint32_t hasLocation;            /* 1: `location` is filled; 0: it is undefined */
   VESK_QEL_LOCATION location;
 } VESK_QEL_RECORD;
 

@@ -4,6 +4,13 @@
  * whose name ends in "Internal", which is that instruction and a return; both are exported, for collectors
  * that generate calls.
  *
+ * For counters and flags that several threads change; where more than one word changes at a time, take a spin
+ * lock (veskrt/spin_lock.h).
+ *
+ *     static uint32_t calls, begun;
+ *     __VeskInterlockedIncrement(&calls);
+ *     if (__VeskInterlockedCompareExchange(&begun, 1, 0) == 0) begin();     // one thread alone gets here
+ *
  * Mind the order of the compare-exchange: target, the value to store, the value expected. */
 #ifndef VESKRT_ATOMIC_H
 #define VESKRT_ATOMIC_H

@@ -68,8 +68,7 @@ typedef struct VeskHashTableEntry {
   struct VeskHashTableEntry* next; /* in the bucket's chain; under the bucket's lock, as are key and data */
   uint64_t key;                    /* fixed */
   void* data;                      /* fixed */
-  VeskSharedExclusiveLock
-      lock; /* held by a scan that is at the entry; not initialised in an unlocked table */
+  VeskSharedExclusiveLock lock;    /* a scan's that is at the entry; not initialised in an unlocked table */
 } VeskHashTableEntry;
 
 typedef struct VeskHashTableBucket {

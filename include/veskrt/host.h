@@ -19,6 +19,9 @@ VESK_BEGIN_DECLS
 VESK_API void veskHostInstall(void);
 
 /* ---- Memory for the library, over mappings of its own ---- */
+
+/* The pair that veskHostInstall() gives the library. A block is aligned to 16 bytes; null when the system has no
+ * memory. Any thread may call them, under a lock of their own. */
 VESK_API void* veskHostAllocate(uint64_t bytes);
 VESK_API void veskHostFree(void* block);
 
@@ -31,6 +34,7 @@ VESK_API VeskHostMemory veskHostMemoryInUse(void);
 
 /* ---- Events ---- */
 
+/* Which of the C library's functions handed a block out. (C++'s operator new calls malloc.) */
 typedef enum VeskHeapFunction {
   VESK_HEAP_MALLOC,
   VESK_HEAP_CALLOC,
@@ -51,9 +55,10 @@ typedef struct VeskHostModule {
   uint64_t start;         /* lowest mapped address */
   uint64_t end;           /* one past the highest */
   const uint8_t* buildId; /* null when it has none */
-  uint32_t buildIdSize;
+  uint32_t buildIdSize;   /* bytes; 0 when it has none */
 } VeskHostModule;
 
+/* How the program ends. */
 typedef enum VeskProcessEnd {
   VESK_END_EXIT,  /* exit(), or return from main */
   VESK_END_QUICK, /* _exit(), _Exit(), quick_exit() */
@@ -68,8 +73,8 @@ typedef struct VeskHostEvents {
   /* A heap function has handed out `block` of `bytes` requested bytes. `caller` is the return address into
    * the program's code that called it: a back-trace of the program begins there. */
   void (*allocated)(void* block, size_t bytes, VeskHeapFunction function, const void* caller);
-  /* `block` is about to be given back; told before the program's allocator can hand it out anew. Never null.
-   */
+  /* `block`, which is never null, is about to be given back; told before the program's allocator can hand it
+   * out anew. */
   void (*releasing)(void* block, const void* caller);
   /* realloc of a live block (of null it is an allocation): told before and after. `newBlock` is null when it
    * failed and `oldBlock` lives on (or when `bytes` is 0 and the block was given back: then `released` is 1).
@@ -109,9 +114,9 @@ typedef struct VeskHostEvents {
 typedef int (*VeskCollectorStart)(uint32_t argc, const char* const* argv, VeskHostEvents* events);
 #define VESK_COLLECTOR_START_NAME "veskCollectorStart"
 
-/* ---- For the collector, while it runs ---- */
+/* ---- For the collector, while it runs: in libveskhost.so alone ---- */
 
-/* The name of the analysed program and its process id. */
+/* The path of the analysed program, absolute where it can be had. It stays valid. */
 VESK_API const char* veskHostProgramPath(void);
 
 /* Whether children of the program are followed: those that it forks and what it executes, but not what the C

@@ -30,8 +30,8 @@ VESK_BEGIN_DECLS
 
 /* Opens the file, creating it if needed (permission bits 0777 less the umask); a nonzero `truncate` empties
  * it. Writes to it reach the disk before they return. Returns the descriptor, which programs started later
- * inherit unless the caller sets FD_CLOEXEC. A file that cannot be opened ends the process as a tool defect.
- */
+ * inherit unless the caller sets FD_CLOEXEC. That the file cannot be opened is a tool defect: the process
+ * ends. */
 VESK_API int __VeskCreateLockFile(const char* path, int truncate);
 
 /* Takes the lock on the whole file, waiting until it is granted. Returns 0; -1 with errno when fcntl fails,

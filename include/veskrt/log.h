@@ -11,8 +11,8 @@
  *     const char* arguments[] = {"file", "line", NULL};
  *     LogMessageDefinition definition = {"BAD_INPUT", arguments, 0, source};
  *     uint32_t badInput = __VeskRegisterLogMessage2(&definition);
- *     __VeskLogInternal(VESKLOG_SEVERITY_WARNING, badInput, 0, VESKLOG_ARG_STRING, "a.txt", VESKLOG_ARG_INT,
- * 7);
+ *     __VeskLogInternal(VESKLOG_SEVERITY_WARNING, badInput, 0,
+ *                       VESKLOG_ARG_STRING, "a.txt", VESKLOG_ARG_INT, 7);
  *     __VeskLogInternal(VESKLOG_SEVERITY_INFO, VESKLOG_MSG_COMMENT, 0, "read %d files", 3);
  *
  * May be called from any thread, also with locks of the memory manager held. A child process that fork made
@@ -91,11 +91,15 @@ VESK_API int __VeskReopenLogger(void);
 VESK_API void __VeskCloseLogger(void);
 
 /* Writes one record. What follows `suppressDisplay` (nonzero adds display='false') depends on the message
- * type: text and comment types:  a format and its arguments, as for printf; types with arguments:    for each
- * argument name of the type a tag, then the value that the tag announces; after any other tag nothing more is
- * read and the remaining arguments are written empty; types without arguments: nothing. A message that is not
- * registered is written as a comment, from a format. Before start-up the record is dropped. A severity above
- * 2 is written as VESKLOG_SEVERITY_INFO. */
+ * type:
+ *
+ *   - text and comment types: a format and its arguments, as for printf;
+ *   - types with arguments: for each argument name of the type a tag, then the value that the tag announces;
+ *     after any other tag nothing more is read and the remaining arguments are written empty;
+ *   - types without arguments: nothing.
+ *
+ * A message that is not registered is written as a comment, from a format. Before start-up the record is
+ * dropped. A severity above 2 is written as VESKLOG_SEVERITY_INFO. */
 VESK_API void __VeskLogInternal(uint32_t severity, uint32_t messageId, int suppressDisplay, ...);
 
 /* ---- Logger handles: the named sources that message types belong to ---- */

@@ -50,8 +50,7 @@ VESK_API void __VeskFree(void* pointer);
 #define VESK_MAX_MEMORY_CATEGORIES 64u
 #define VESK_MEMORY_CATEGORY_NAME_SIZE 32u
 
-/* The figures of one category. Only slabs are counted, at their nominal size: not chunks, not large blocks.
- */
+/* The figures of one category. Slabs alone are counted, at their nominal size: no chunks, no large blocks. */
 typedef struct VeskMemoryCategoryInfo {
   char name[VESK_MEMORY_CATEGORY_NAME_SIZE];
   int64_t allocated;       /* bytes of slabs now held for the category */

@@ -30,8 +30,8 @@ typedef void (*VeskMemoryCollector)(void);
 VESK_API uint32_t __VeskRegisterMemoryCollector(VeskMemoryCollector collector);
 
 /* Clears the memory statistics, takes up to `reserveBlocks` reserve blocks (as many as the host gives) and
- * enables collection. Only the first call of either function has an effect. The host pair must be installed.
- */
+ * enables collection. Only the first call of either function has an effect. The host pair must be there by
+ * then. */
 VESK_API void __VeskInitializeMemoryCollectorAndReserveMemory(uint32_t reserveBlocks);
 VESK_API void __VeskInitializeMemoryCollector(void); /* the same with no reserve */
 

@@ -1,8 +1,9 @@
 /* Where things lie in the address space: the process's mappings, the loaded modules, and symbols.
  *
  * Three services that do not depend on each other:
+ *
  *   - the mapping that contains an address, read from the system's own map of the process: for the extent of
- * a stack or of a mapped file, now and then, since every question reads the map anew;
+ *     a stack or of a mapped file, now and then, since every question reads the map anew;
  *   - the module map, which the collector fills as modules come and go: for the module that an address
  * belongs to, often, in logarithmic time;
  *   - loading a shared object and finding a symbol in it.

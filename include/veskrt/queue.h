@@ -26,9 +26,8 @@ VESK_BEGIN_DECLS
 #define VESK_QUEUE_THREAD_SAFE 2u
 
 typedef struct QueueNode {
-  uint64_t value;
-  struct QueueNode*
-      next; /* null in the last node; set by a producer under the tail lock, else under the head lock */
+  uint64_t value;         /* the caller's; fixed */
+  struct QueueNode* next; /* null in the last node; a producer's under the tail lock, else the head lock's */
 } QueueNode;
 
 typedef struct Queue {

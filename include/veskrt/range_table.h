@@ -43,8 +43,10 @@ typedef struct RangeTable {
   uint32_t maxLevel;   /* 4 to 26; fixed */
   uint32_t levelsMade; /* bit L - 4: element L - 4 below is not null; the library's own */
   VeskRangeTableDestroyItem destroyItem; /* or null; fixed */
-  VeskHashTable**
-      levels; /* element L - 4: block start to entry (or chain, at level 4); null until its first block */
+
+  /* Element L - 4: from a block's start to its entry (at level 4 perhaps a chain); null until level L has its
+   * first block. */
+  VeskHashTable** levels;
 } RangeTable;
 
 /* A range that is in a table. */

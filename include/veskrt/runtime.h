@@ -94,9 +94,11 @@ VESK_API int32_t __VeskGetPid(void);                        /* -1 */
 
 /* ---- Start-up ---- */
 
-VESK_API extern int32_t __veskRtStarted; /* 0 until start-up has completed, then 1 for good */
-VESK_API extern int32_t
-    __veskNumberOfProcessors; /* 1 until start-up has counted them; locks spin only above 1 */
+/* 0 until start-up has completed, then 1 for good. */
+VESK_API extern int32_t __veskRtStarted;
+
+/* 1 until start-up has counted them. Locks spin only above 1. */
+VESK_API extern int32_t __veskNumberOfProcessors;
 
 /* Counts the processors, registers the library's own log messages and marks the runtime as started. Runs
  * once, however many threads call it; every call returns VESK_VERSION_CODE, after the work has been done. */

@@ -6,7 +6,19 @@
  * arrived yet; beyond that there is no fairness. There is no upgrade: a thread that holds it shared and asks
  * for it exclusive waits for itself forever.
  *
- * Threads are told apart by the native thread id hook (veskrt/runtime.h), as for the spin lock. */
+ * Threads are told apart by the native thread id hook (veskrt/runtime.h), as for the spin lock: while no hook
+ * is installed it guards nothing.
+ *
+ *     static VeskSharedExclusiveLock lock;                     // all zero is a free lock of spin count 0
+ *
+ *     __VeskAcquireSharedLock(&lock);                          // any number of readers
+ *     site = find(table, key);
+ *     __VeskReleaseSharedLock(&lock);
+ *     if (site == NULL) {
+ *       __VeskAcquireExclusiveLock(&lock);
+ *       site = findOrAdd(table, key);                          // look again: another thread may have been first
+ *       __VeskReleaseExclusiveLock(&lock);
+ *     } */
 #ifndef VESKRT_SHARED_LOCK_H
 #define VESKRT_SHARED_LOCK_H
 
@@ -29,11 +41,13 @@ VESK_API void __VeskInitializeSharedExclusiveLock(VeskSharedExclusiveLock* lock)
 VESK_API void __VeskInitializeSharedExclusiveLockAndSpinCount(VeskSharedExclusiveLock* lock,
                                                               uint32_t spinCount);
 
-/* Shared hold. */
+/* Acquire returns once the caller holds it shared: it waits while another thread holds it exclusive or waits to.
+ * Release gives one such hold back. For the exclusive holder both do nothing. */
 VESK_API void __VeskAcquireSharedLock(VeskSharedExclusiveLock* lock);
 VESK_API void __VeskReleaseSharedLock(VeskSharedExclusiveLock* lock);
 
-/* Exclusive hold. Release leaves a lock that is not held exclusive alone. */
+/* Acquire returns once the caller holds it exclusive: it waits for every reader and for another holder. Release
+ * gives one acquisition back; a lock that is not held exclusive is left alone. */
 VESK_API void __VeskAcquireExclusiveLock(VeskSharedExclusiveLock* lock);
 VESK_API void __VeskReleaseExclusiveLock(VeskSharedExclusiveLock* lock);
 

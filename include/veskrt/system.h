@@ -1,4 +1,11 @@
-/* Facts about the machine. Nothing here takes a lock or allocates from the library's allocator. */
+/* Facts about the machine: the page size, the processors, what cpuid tells.
+ *
+ *     VeskCpuid features;
+ *     __VeskCpuidEx(7, 0, &features);
+ *     const int hasAvx2 = features.ebx >> 5 & 1;
+ *     void* area = __VeskMalloc(category, __VeskGetXsaveAreaMaxSize() + 63, 0);     // to be aligned to 64
+ *
+ * Nothing here takes a lock or allocates from the library's allocator. */
 #ifndef VESKRT_SYSTEM_H
 #define VESKRT_SYSTEM_H
 
@@ -6,6 +13,7 @@
 
 VESK_BEGIN_DECLS
 
+/* The four registers as cpuid leaves them. */
 typedef struct VeskCpuid {
   uint32_t eax;
   uint32_t ebx;

@@ -1,5 +1,11 @@
 /* Files, paths and text: what the library and its collectors use instead of calling the C library directly.
  *
+ *     int error;
+ *     FILE* file = __VeskFopen(path, "r", &error);                 // never on descriptors 0 to 2
+ *     char* name = __VeskGetBaseName("/usr/lib/libc.so.6");        // "libc.so.6"
+ *     ...
+ *     __VeskFree(name);
+ *
  * Strings that these functions return are allocated with __VeskMalloc in category 0 and released with
  * __VeskFree (or the release function named here). No locks; only the logical clock is shared, and it is
  * atomic. */

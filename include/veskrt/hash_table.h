@@ -30,8 +30,10 @@
  * same table freely; any other must not, since it would wait for its own thread. Callbacks may use other
  * tables.
  *
- * An unlocked table takes no lock at all: the caller serialises all use of it. Data of value null cannot be
- * told from a missing key. */
+ * An unlocked table takes no lock at all: the caller serialises all use of it. From 2048 buckets on, an
+ * unlocked table with numbers for keys and the default hash function spends 24 bytes more for each bucket on
+ * an index, and a look-up then reads one line of memory. Data of value null cannot be told from a missing
+ * key. */
 #ifndef VESKRT_HASH_TABLE_H
 #define VESKRT_HASH_TABLE_H
 

@@ -77,6 +77,17 @@ constexpr std::array<VeskHashFunction, sizeof...(I)> hashFunctions(std::index_se
 }
 constexpr auto kHashFunctions = hashFunctions(std::make_index_sequence<27>());
 
+// The record and, behind it, what look-ups skip levels by.
+struct WholeTable {
+  RangeTable record;
+  std::uint32_t levelsMade; // bit L - 4: level L has a table
+};
+
+std::uint32_t& levelsMade(RangeTable& table) { return reinterpret_cast<WholeTable&>(table).levelsMade; }
+std::uint32_t levelsMade(const RangeTable& table) {
+  return reinterpret_cast<const WholeTable&>(table).levelsMade;
+}
+
 VeskHashTable*& levelTable(const RangeTable& table, std::uint32_t level) {
   return table.levels[level - kMinLevel];
 }
@@ -86,7 +97,7 @@ VeskHashTable* levelTableFor(RangeTable& table, std::uint32_t level) {
   if (slot == nullptr) {
     slot = __VeskCreateHashTable(kLevelTableFlags, &kHashFunctions[level - kMinLevel], 1, nullptr, nullptr,
                                  categoryOf(table), shiftOf(table));
-    table.levelsMade |= 1u << (level - kMinLevel);
+    levelsMade(table) |= 1u << (level - kMinLevel);
   }
   return slot;
 }
@@ -100,7 +111,7 @@ void prefetchBucket(const RangeTable& table, std::uint32_t level, std::uint64_t 
 
 // What is stored under a block, or null.
 [[gnu::always_inline]] inline void* probe(const RangeTable& table, std::uint32_t level, std::uint64_t block) {
-  if ((table.levelsMade >> (level - kMinLevel) & 1) == 0) return nullptr;
+  if ((levelsMade(table) >> (level - kMinLevel) & 1) == 0) return nullptr;
   return hash_table::dataInUnlocked(*levelTable(table, level), block, [=](std::uint64_t key) {
     return hashShifted(key, level - kMinLevel + 1);
   });
@@ -213,7 +224,7 @@ void removeRange(const RangeTable& table, std::uint64_t start, std::uint64_t end
 }
 
 const RangeTableEntry* lookUp(const RangeTable& table, std::uint64_t address) {
-  for (std::uint32_t left = table.levelsMade & ~1u; left != 0;) {
+  for (std::uint32_t left = levelsMade(table) & ~1u; left != 0;) {
     const auto highest = static_cast<std::uint32_t>(std::bit_width(left)) - 1;
     left ^= 1u << highest;
     const std::uint32_t level = highest + kMinLevel;
@@ -355,13 +366,14 @@ using namespace vesk::range_table;
 
 RangeTable* __VeskCreateRangeTable(uint64_t span, uint32_t category, uint32_t shift, uint32_t flags,
                                    VeskRangeTableDestroyItem destroyItem) {
-  auto* const table =
-      new (__VeskMalloc(category, sizeof(RangeTable), 0)) RangeTable{.flags = 0,
-                                                                     .minLevel = kMinLevel,
-                                                                     .maxLevel = kMaxLevel,
-                                                                     .levelsMade = 0,
-                                                                     .destroyItem = destroyItem,
-                                                                     .levels = nullptr};
+  auto* const whole =
+      new (__VeskMalloc(category, sizeof(WholeTable), 0)) WholeTable{.record = {.flags = 0,
+                                                                                .minLevel = kMinLevel,
+                                                                                .maxLevel = kMaxLevel,
+                                                                                .destroyItem = destroyItem,
+                                                                                .levels = nullptr},
+                                                                     .levelsMade = 0};
+  RangeTable* const table = &whole->record;
   table->flags = vesk::tableFlags(flags, category, shift);
   table->maxLevel = levelOf(*table, span);
   const std::uint32_t levels = table->maxLevel - kMinLevel + 1;

@@ -381,3 +381,5 @@ if __name__ == "__main__":
     except subprocess.CalledProcessError as error:
         print(error.stderr if isinstance(error.stderr, str) else (error.stderr or b"").decode(), file=sys.stderr)
         sys.exit(f"==> FAILED: {error.cmd[0]} ended with status {error.returncode}")
+    except RuntimeError as error:
+        sys.exit(f"==> FAILED: {error}")

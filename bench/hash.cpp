@@ -207,8 +207,8 @@ void eraseAndInsert(benchmark::State& state) {
   countItems(state, kElements);
 }
 
-// Five exclusive holds on top of an entry's way to the allocator and back: to erase, bucket and count; to insert,
-// the look under the bucket, then the table. The allocator's two are its own floor.
+// To erase and to insert alike: the table shared and the bucket exclusive; then the table exclusive, for the count or the
+// new entry; and the allocator's hold.
 void eraseAndInsertFloor(benchmark::State& state) {
   Direct<true> direct(sharedKeys<Keys>(kElements).inserted);
   FloorLock table;
@@ -217,7 +217,7 @@ void eraseAndInsertFloor(benchmark::State& state) {
     for (const uint64_t place : direct.places) {
       auto& bucket = direct.buckets[place];
       for (int half = 0; half < 2; ++half) {
-        Direct<true>::enter(direct.readers); // table shared, bucket exclusive
+        Direct<true>::enter(direct.readers);
         uint64_t seen = 0;
         bucket.readers.compare_exchange_strong(seen, 1);
         benchmark::DoNotOptimize(bucket.entry);

@@ -1,6 +1,6 @@
 // The allocator beside three others. mimalloc is loaded, not linked: it would replace malloc in the whole process.
 #include <cstdlib>
-#include <new>
+#include <stdexcept>
 
 #include <dlfcn.h>
 #include <tbb/scalable_allocator.h>

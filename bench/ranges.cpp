@@ -1,5 +1,5 @@
 // The range table beside std::map, which finds the range that holds an address with upper_bound. Ranges are blocks of
-// 4 KiB with random gaps.
+// 4 KiB with random gaps, unless they are a heap's.
 #include <map>
 #include <memory>
 
@@ -14,12 +14,14 @@ using namespace bench;
 constexpr uint64_t kInside = 100;
 
 struct Ours {
-  Ours() : table(__VeskCreateRangeTable(kBlock, 0, 0, 0, nullptr)) {}
+  explicit Ours(uint64_t span = kBlock) : table(__VeskCreateRangeTable(span, 0, 0, 0, nullptr)) {}
   ~Ours() {
     __VeskScanAndEmptyRangeTable(table);
     __VeskDestroyRangeTable(table);
   }
-  void insert(uint64_t start) { __VeskInsertRangeTableEntry(table, start, start + kBlock, start); }
+  void insert(uint64_t start, uint64_t size = kBlock) {
+    __VeskInsertRangeTableEntry(table, start, start + size, start);
+  }
   uint64_t find(uint64_t address) {
     uint64_t start;
     uint64_t end;
@@ -29,16 +31,8 @@ struct Ours {
   RangeTable* table;
 };
 
-// As a caller has it who does not know the usual length of his ranges.
-struct OursOfAnySpan : Ours {
-  OursOfAnySpan() {
-    __VeskDestroyRangeTable(table);
-    table = __VeskCreateRangeTable(uint64_t{1} << 27, 0, 0, 0, nullptr);
-  }
-};
-
 struct Map {
-  void insert(uint64_t start) { map.emplace(start, start + kBlock); }
+  void insert(uint64_t start, uint64_t size = kBlock) { map.emplace(start, start + size); }
   uint64_t find(uint64_t address) {
     const auto next = map.upper_bound(address);
     if (next == map.begin()) return 0;
@@ -101,6 +95,32 @@ void findFloor(benchmark::State& state) {
   }
   benchmark::DoNotOptimize(found);
   countItems(state, places.size());
+}
+
+struct OursForHeap : Ours {
+  OursForHeap() : Ours(1 << 20) {}
+};
+
+// Ranges as a heap has them: 16 to 4,096 bytes, at multiples of 16. An address in the middle is asked for.
+template <class Contestant>
+void findInHeap(benchmark::State& state) {
+  std::mt19937_64 random(49);
+  std::vector<std::pair<uint64_t, uint64_t>> ranges;
+  uint64_t start = 0x7F0000000000;
+  for (size_t i = 0; i < kElements; ++i) {
+    const uint64_t size = 16 * (1 + random() % 256);
+    ranges.emplace_back(start, size);
+    start += size + 16 * (1 + random() % 4);
+  }
+  Contestant contestant;
+  for (const auto& [first, size] : shuffled(ranges, 50)) contestant.insert(first, size);
+  ranges = shuffled(ranges, 51);
+  size_t found = 0;
+  for (auto _ : state) {
+    for (const auto& [first, size] : ranges) found += contestant.find(first + size / 2) == first;
+  }
+  if (found != state.iterations() * ranges.size()) state.SkipWithError("a range was not found");
+  countItems(state, ranges.size());
 }
 
 template <class Contestant>
@@ -173,7 +193,7 @@ void registerRows() {
   add("ranges.find.few", "floor", findFloor)->Arg(1000);
   add("ranges.find.many", "floor", findFloor)->Arg(1000000);
   add("ranges.replace", "floor", eraseAndInsertFloor);
-  add("ranges.wide", "ours", find<OursOfAnySpan>)->Arg(kElements);
-  add("ranges.wide", "floor", findFloor)->Arg(kElements);
-  add("ranges.wide", "map", find<Map>)->Arg(kElements);
+  add("ranges.heap", "ours", findInHeap<OursForHeap>);
+  add("ranges.heap", "floor", findFloor)->Arg(kElements);
+  add("ranges.heap", "map", findInHeap<Map>);
 }

@@ -128,8 +128,9 @@ TEST(Veskreport, Refusals) {
   EXPECT_EQ(shell(kReport + "a.xml --diff none.xml 2>/dev/null").status, 3);
   EXPECT_EQ(shell(kReport + "a.xml >/dev/full 2>/dev/null").status, 7);
   EXPECT_EQ(shell(kReport + "a.xml --html none/a.html 2>/dev/null").status, 7);
-  for (const char* wrong : {"", "a.xml --sort size", "a.xml --top x", "a.xml --log a.log", "a.xml --source x",
-                            "a.xml --html a.html --top 3", "--log a.log --severity fatal"}) {
+  for (const char* wrong :
+       {"", "a.xml --sort size", "a.xml --top x", "a.xml --log a.log", "a.xml --source x",
+        "a.xml --html a.html --top 3", "--log a.log --severity fatal", "a.xml --html ./a.xml"}) {
     EXPECT_EQ(shell(kReport + wrong + " 2>/dev/null").status, 2) << wrong;
   }
 }

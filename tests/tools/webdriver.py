@@ -2,7 +2,9 @@
 import base64
 import http.client
 import json
+import os
 import re
+import signal
 import subprocess
 import tempfile
 
@@ -16,7 +18,8 @@ ARGUMENTS = [
 class Browser:
     def __init__(self, driver="chromedriver"):
         self.profile = tempfile.TemporaryDirectory(ignore_cleanup_errors=True)
-        self.driver = subprocess.Popen([driver, "--port=0"], stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True)
+        self.driver = subprocess.Popen([driver, "--port=0"], stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True,
+                                       start_new_session=True)
         port = None
         for line in self.driver.stdout:
             if found := re.search(r"started successfully on port (\d+)", line):
@@ -24,7 +27,7 @@ class Browser:
                 break
         if port is None:
             raise RuntimeError("chromedriver did not start")
-        self.connection = http.client.HTTPConnection("127.0.0.1", port, timeout=120)
+        self.connection = http.client.HTTPConnection("127.0.0.1", port, timeout=300)
         self.session = ""
         options = {"args": ARGUMENTS + ["--user-data-dir=" + self.profile.name]}
         opened = self.call("POST", "/session", {"capabilities": {"alwaysMatch": {
@@ -39,7 +42,7 @@ class Browser:
         try:
             self.call("DELETE", "")
         finally:
-            self.driver.terminate()
+            os.killpg(self.driver.pid, signal.SIGTERM) # the browser, too, if it did not end
             self.driver.wait()
             self.driver.stdout.close()
             self.profile.cleanup()

@@ -4,7 +4,6 @@
 #include <cstdio>
 #include <map>
 #include <tuple>
-#include <unordered_map>
 
 #include "report/text.h"
 

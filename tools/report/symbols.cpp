@@ -3,8 +3,8 @@
 #include "report/symbols.h"
 
 #include <algorithm>
+#include <cstdlib>
 #include <cstring>
-#include <optional>
 
 #include <dwarf.h>
 #include <elfutils/libdw.h>

@@ -1,6 +1,7 @@
 // veskreport: turns what a collector has left into a report for a person.
 #include <algorithm>
 #include <cstdio>
+#include <filesystem>
 #include <map>
 
 #include <CLI/CLI.hpp>
@@ -78,6 +79,12 @@ void reportHeap(const CommandLine& line, Profile profile, Progress& progress) {
   if (line.page.empty()) {
     print(heapTable(profile, line.table, findTerminal()));
     return;
+  }
+  for (const std::string& input : {line.result, line.old}) {
+    std::error_code ignored;
+    if (std::filesystem::equivalent(line.page, input, ignored)) {
+      throw Failure(kUsage, printable(line.page) + ": the page would replace a result");
+    }
   }
   replaceFile(line.page, heapPage(profile, line.table.selection));
   print("veskreport: the page is in " + printable(line.page) + "\n");

@@ -108,7 +108,8 @@
     const found = samples.findIndex(([time]) => time > run.peakMilliseconds);
     const afterPeak = found === -1 ? samples.length - 1 : found;
     const times = [], bytes = [];
-    for (const [time, live] of samples.toSpliced(afterPeak, 0, [run.peakMilliseconds, run.totals[0]])) {
+    const peak = [run.peakMilliseconds, run.totals[0]];
+    for (const [time, live] of [...samples.slice(0, afterPeak), peak, ...samples.slice(afterPeak)]) {
       const last = times.at(-1) ?? -1;
       if (times.length > 0 && time - last > 1.5 * interval) {
         times.push(last + interval);
@@ -194,6 +195,17 @@
     return child;
   }
 
+  // The widest first, without those that no zoom would show.
+  const kLeastShare = 1e-5;
+  function order(node, least) {
+    const nodes = [node];
+    while (nodes.length > 0) {
+      const next = nodes.pop();
+      next.children = next.children.filter((child) => child.value >= least).sort((left, right) => right.value - left.value);
+      for (const child of next.children) nodes.push(child);
+    }
+  }
+
   function flameTree(column) {
     const root = newNode(byId("program").textContent, null);
     for (const row of rows) {
@@ -206,6 +218,7 @@
       }
       grow(row, column, path);
     }
+    order(root, kLeastShare * root.value);
     return root;
   }
 
@@ -266,7 +279,6 @@
       .minFrameSize(1)
       .inverted(true)
       .resetHeightOnZoom(true)
-      .sort((left, right) => right.data.value - left.data.value)
       .transitionDuration(still.matches ? 0 : 250)
       .setColorMapper(boxColour)
       .setLabelHandler(describe)

@@ -111,9 +111,8 @@ std::uint64_t Player::takeLength() {
 void Player::insert() {
   const std::uint64_t start = takeAddress();
   const std::uint64_t length = takeLength();
-  const std::uint64_t end = length > UINT64_MAX - start
-                                ? aligned_ ? ~std::uint64_t{31} : UINT64_MAX
-                                : start + length;
+  const std::uint64_t end =
+      length > UINT64_MAX - start ? aligned_ ? ~std::uint64_t{31} : UINT64_MAX : start + length;
   if (end > start && meetsAny(start, end)) return;
   __VeskInsertRangeTableEntry(table_, start, end, ++lastItem_);
   if (end > start) model_[start] = {end, lastItem_};

@@ -9,7 +9,7 @@ $text =~ s{\]\((?:\.\./)*include/veskrt/([\w.]+)\)}{](\@ref $1)}g;
 $text =~ s{\[([^\]]*)\]\(\.\./examples/[^)]*\)}{`$1`}g;
 $text =~ s{\]\((?:\.\./)*([\w-]+)\.md\)}{](\@ref $1)}g;
 # Doxygen takes an apostrophe for the end of a code span.
-$text =~ s{(?<!`)`([^`\n<]*'[^`\n<]*)`(?!`)}{<code>$1</code>}g;
+$text =~ s{`([^`\n]+)`}{my $code = $1; $code =~ /'/ && $code !~ /</ ? "<code>$code</code>" : "`$code`"}ge;
 my ($page) = $ARGV[0] =~ m{([\w-]+)\.md$};
 $text =~ s{^(# .*)$}{$1 {#$page}}m;
 print $text;

@@ -32,11 +32,47 @@ char* allocateBuffer(std::uint32_t category, std::uint32_t capacity) {
   return static_cast<char*>(__VeskMalloc(category, capacity, 0));
 }
 
+// Both ends of the bytes in a word each, which overlap in the middle; all is read before anything is written.
+template <class Word>
+[[gnu::always_inline]] inline void moveEnds(char* to, const char* from, std::uint32_t length) {
+  Word first;
+  Word last;
+  std::memcpy(&first, from, sizeof first);
+  std::memcpy(&last, from + length - sizeof last, sizeof last);
+  std::memcpy(to, &first, sizeof first);
+  std::memcpy(to + length - sizeof last, &last, sizeof last);
+}
+
+// Most pieces are short: moved sooner than called for.
+[[gnu::always_inline]] inline void move(char* to, const char* from, std::uint32_t length) {
+  if (length > 2 * sizeof(std::uint64_t)) {
+    std::memmove(to, from, length);
+  } else if (length >= sizeof(std::uint64_t)) {
+    moveEnds<std::uint64_t>(to, from, length);
+  } else if (length >= sizeof(std::uint32_t)) {
+    moveEnds<std::uint32_t>(to, from, length);
+  } else if (length >= sizeof(std::uint16_t)) {
+    moveEnds<std::uint16_t>(to, from, length);
+  } else if (length == 1) {
+    *to = *from;
+  }
+}
+
 // Puts the text at `offset`, where it fits. It may be part of the string itself.
 void place(CountedString* string, std::uint32_t offset, const char* text, std::uint32_t length) {
-  if (length != 0) std::memmove(string->buffer + offset, text, length);
+  move(string->buffer + offset, text, length);
   string->length = offset + length;
   string->buffer[string->length] = '\0';
+}
+
+// The text may be in the buffer that is outgrown, which goes last.
+[[gnu::noinline]] void growAndAppend(CountedString* string, const char* text, std::uint32_t length) {
+  char* const outgrown = string->buffer;
+  string->capacity = doubled(std::uint64_t{string->capacity} + length);
+  string->buffer = allocateBuffer(string->category, string->capacity);
+  std::memcpy(string->buffer, outgrown, string->length);
+  place(string, string->length, text, length);
+  __VeskFree(outgrown);
 }
 
 } // namespace
@@ -70,15 +106,9 @@ CountedString* __VeskStrSet(CountedString* string, const char* text) {
 void __VeskStrAppend(CountedString* string, const char* text) {
   if (string == nullptr || text == nullptr) return;
   const std::uint32_t length = measure(text, VESK_COUNTED_STRING_MAX_LENGTH - string->length);
-  char* outgrown = nullptr; // released last: the text may be in it
-  if (length >= string->capacity - string->length) {
-    string->capacity = doubled(std::uint64_t{string->capacity} + length);
-    outgrown = string->buffer;
-    string->buffer = allocateBuffer(string->category, string->capacity);
-    std::memcpy(string->buffer, outgrown, string->length);
-  }
+  if (length >= string->capacity - string->length) [[unlikely]]
+    return growAndAppend(string, text, length);
   place(string, string->length, text, length);
-  __VeskFree(outgrown);
 }
 
 void __VeskStrDestroy(CountedString* string) {

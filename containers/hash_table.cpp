@@ -16,6 +16,7 @@
 #include <new>
 
 #include "containers/hash_table_leaf.h"
+#include "containers/range_table_hash.h"
 #include "containers/table_flags.h"
 #include "runtime/backoff.h"
 #include "runtime/shared_lock.h"
@@ -123,15 +124,16 @@ Table* subTableFor(Table& table, std::uint64_t key) {
          table.hashFunctions[0] == hashByKey;
 }
 
-// Calls use(entry) under the leaf's locks if the key is there.
+// Calls use(data) under the leaf's locks if the key is there.
 template <class Use>
-[[gnu::always_inline]] inline void useEntry(Table& leaf, std::uint64_t key, Use use) {
-  const auto useIn = [&](const Bucket& bucket) {
-    const Entry* const entry = find(leaf, bucket, key);
-    if (entry != nullptr) use(*entry);
-  };
+[[gnu::always_inline]] inline void useData(Table& leaf, std::uint64_t key, Use use) {
   if (isUnlocked(leaf)) {
-    if (leaf.entryCount >= 1) useIn(leafBucket(leaf, key));
+    if (leaf.entryCount < 1) return;
+    if (const KeyIndex* const index = indexOf(leaf)) {
+      if (const KeyIndex::Slot* const slot = index->find(key)) return use(slot->data);
+      if (!index->leavesOut()) return;
+    }
+    if (const Entry* const entry = find(leaf, leafBucket(leaf, key), key)) use(entry->data);
     return;
   }
   prefetchBucket(leaf, key);
@@ -140,7 +142,7 @@ template <class Use>
   if (loadRelaxed(leaf.entryCount) >= 1) [[likely]] {
     Bucket& bucket = leafBucket(leaf, key);
     acquireShared(bucket.lock, self);
-    useIn(bucket);
+    if (const Entry* const entry = find(leaf, bucket, key)) use(entry->data);
     releaseShared(bucket.lock, self);
   }
   releaseShared(leaf.lock, self);
@@ -149,15 +151,24 @@ template <class Use>
 [[gnu::noinline]] void* lookUpGenerally(Table* table, std::uint64_t key) {
   Table* const leaf = descend(table, key);
   void* data = nullptr;
-  if (leaf != nullptr) useEntry(*leaf, key, [&](const Entry& entry) { data = entry.data; });
+  if (leaf != nullptr) useData(*leaf, key, [&](void* found) { data = found; });
   return data;
 }
 
 // ---- Growth and insertion ----
 
-Bucket* createBuckets(const Table& table, std::int32_t count) {
-  const auto bytes = static_cast<std::uint32_t>(sizeof(Bucket)) * static_cast<std::uint32_t>(count);
-  auto* const buckets = static_cast<Bucket*>(__VeskMalloc(categoryOf(table.flags), bytes, 0));
+// May the index know the leaf's keys? The calls of a hash or compare function from outside are counted on.
+bool isIndexable(const Table& leaf) {
+  return !comparesKeys(leaf) &&
+         (leaf.hashFunctions[0] == hashByKey || range_table::isLevelHash(leaf.hashFunctions[0]));
+}
+
+Bucket* createBuckets(const Table& table, std::uint32_t bits) {
+  const std::int32_t count = 1 << bits;
+  const auto bytes = static_cast<std::uint32_t>(sizeof(Bucket)) << bits;
+  const std::uint32_t category = categoryOf(table.flags);
+  auto* const buckets = hasIndexInFront(table, bits) ? KeyIndex::allocate(category, count, isIndexable(table))
+                                                     : static_cast<Bucket*>(__VeskMalloc(category, bytes, 0));
   if (isUnlocked(table)) {
     for (Bucket* bucket = buckets; bucket != buckets + count; ++bucket) bucket->head = nullptr;
   } else {
@@ -166,15 +177,26 @@ Bucket* createBuckets(const Table& table, std::int32_t count) {
   return buckets;
 }
 
+void freeBuckets(const Table& table, Bucket* buckets, std::uint32_t bits) {
+  if (hasIndexInFront(table, bits)) {
+    KeyIndex::of(buckets)->free();
+  } else {
+    __VeskFree(buckets);
+  }
+}
+
 // Twice the buckets. The caller holds the leaf exclusive.
 [[gnu::noinline]] void grow(Table& leaf) {
   if (leaf.bucketBits == kMaxBucketBits) return;
   const std::int32_t oldCount = leaf.bucketCount;
-  Bucket* const fresh = createBuckets(leaf, 2 * oldCount);
+  Bucket* const fresh = createBuckets(leaf, leaf.bucketBits + 1);
   Bucket* const old = leaf.buckets;
+  const KeyIndex* const oldIndex = indexOf(leaf);
   leaf.bucketBits = leaf.bucketBits + 1;
   storeRelaxed(leaf.bucketCount, 2 * oldCount); // these two are read ahead of the lock
   storeRelaxed(leaf.buckets, fresh);
+  KeyIndex* const index = indexOf(leaf);
+  if (index != nullptr && oldIndex != nullptr) index->addAllOf(*oldIndex);
   constexpr std::int32_t kAhead = 8; // entries lie anywhere: ask for them before their turn
   for (std::int32_t i = 0; i < oldCount; ++i) {
     if (i + kAhead < oldCount) __builtin_prefetch(old[i + kAhead].head);
@@ -183,10 +205,11 @@ Bucket* createBuckets(const Table& table, std::int32_t count) {
       Entry*& link = firstLink(leafBucket(leaf, entry->key));
       entry->next = link;
       link = entry;
+      if (index != nullptr && oldIndex == nullptr) index->add(entry->key, entry->data);
       entry = next;
     }
   }
-  __VeskFree(old);
+  freeBuckets(leaf, old, leaf.bucketBits - 1);
 }
 
 // Adds a key that its bucket does not have. The caller holds the leaf exclusive.
@@ -204,13 +227,21 @@ Bucket* createBuckets(const Table& table, std::int32_t count) {
   entry->data = data;
   if (!isUnlocked(leaf)) entry->lock = VeskSharedExclusiveLock{};
   link = entry;
+  if (KeyIndex* const index = indexOf(leaf)) index->add(key, data);
   addToCount(leaf, 1);
   noteChange(leaf);
 }
 
 void* insertUnlocked(Table& leaf, std::uint64_t key, void* data) {
   Bucket& bucket = leafBucket(leaf, key);
-  if (const Entry* const entry = find(leaf, bucket, key)) return entry->data;
+  const KeyIndex* const index = indexOf(leaf);
+  if (index != nullptr) {
+    __builtin_prefetch(&bucket.head, 1);
+    if (const KeyIndex::Slot* const slot = index->find(key)) return slot->data;
+  }
+  if (index == nullptr || index->leavesOut()) {
+    if (const Entry* const entry = find(leaf, bucket, key)) return entry->data;
+  }
   add(leaf, &bucket, key, data);
   return data;
 }
@@ -229,8 +260,17 @@ void* insertUnlocked(Table& leaf, std::uint64_t key, void* data) {
 }
 
 void* removeUnlocked(Table& leaf, std::uint64_t key) {
-  Entry*& link = linkOfKey(leaf, leafBucket(leaf, key), key);
+  Bucket& bucket = leafBucket(leaf, key);
+  KeyIndex* const index = indexOf(leaf);
+  KeyIndex::Slot* slot = nullptr;
+  if (index != nullptr) {
+    __builtin_prefetch(&bucket.head);
+    slot = index->find(key);
+    if (slot == nullptr && !index->leavesOut()) return nullptr;
+  }
+  Entry*& link = linkOfKey(leaf, bucket, key);
   if (link == nullptr) return nullptr;
+  if (index != nullptr) index->forget(slot);
   void* const data = take(leaf, link);
   addToCount(leaf, -1);
   return data;
@@ -276,7 +316,7 @@ VeskHashTable* __VeskCreateHashTable(uint32_t flags, const VeskHashFunction* has
   table->bucketBits = bits;
   table->level = levels - 1;
   table->flags = tableFlags(flags, category, shift);
-  table->buckets = createBuckets(*table, table->bucketCount);
+  table->buckets = createBuckets(*table, bits);
   return table;
 }
 
@@ -289,15 +329,14 @@ void __VeskDestroyHashTable(VeskHashTable* table, VeskHashDataRelease dataReleas
       destroyChain(*table, chainOf(*bucket), dataRelease);
     }
   }
-  __VeskFree(table->buckets);
+  freeBuckets(*table, table->buckets, table->bucketBits);
   __VeskFree(table);
 }
 
 void* __VeskLookupHashTable(VeskHashTable* table, uint64_t key) {
   if (!isPlainUnlockedLeaf(*table)) [[unlikely]]
     return lookUpGenerally(table, key);
-  const Entry* const entry = findByNumber(chainOf(bucketAt(*table, key)), key);
-  return entry != nullptr ? entry->data : nullptr;
+  return dataInUnlocked(*table, key, [](std::uint64_t hash) { return hash; });
 }
 
 uint32_t __VeskLookupAndAcquireHashTableDataItem(VeskHashTable* table, uint64_t key,
@@ -306,9 +345,9 @@ uint32_t __VeskLookupAndAcquireHashTableDataItem(VeskHashTable* table, uint64_t 
   void* found = nullptr;
   std::uint32_t result = 1;
   if (leaf != nullptr) {
-    useEntry(*leaf, key, [&](const Entry& entry) {
-      found = entry.data;
-      result = acquire(entry.data);
+    useData(*leaf, key, [&](void* stored) {
+      found = stored;
+      result = acquire(stored);
     });
   }
   *data = found;

@@ -4,6 +4,7 @@
 
 #include <cstdint>
 
+#include "containers/key_index.h"
 #include "runtime/atomic.h"
 #include "veskrt/hash_table.h"
 
@@ -26,6 +27,18 @@ std::uint64_t hashByKey(Table* table, std::uint64_t key);
 [[gnu::always_inline]] inline Bucket& leafBucket(Table& leaf, std::uint64_t key) {
   const VeskHashFunction hash = leaf.hashFunctions[0];
   return bucketAt(leaf, hash == hashByKey ? key : hash(&leaf, key));
+}
+
+// Has a bucket array of the table an index in front?
+[[gnu::always_inline]] inline bool hasIndexInFront(const Table& table, std::uint32_t bucketBits) {
+  return bucketBits >= KeyIndex::kLeastBits && isUnlocked(table);
+}
+
+// What the leaf is searched by instead of its chains; null if by these.
+[[gnu::always_inline]] inline KeyIndex* indexOf(const Table& leaf) {
+  if (!hasIndexInFront(leaf, leaf.bucketBits)) return nullptr;
+  KeyIndex* const index = KeyIndex::of(leaf.buckets);
+  return index->hasSlots() ? index : nullptr;
 }
 
 // The reserved head of a bucket whose sub-table is being created.
@@ -64,6 +77,23 @@ template <class Matches>
 // then.
 inline void noteChange(Table& leaf) {
   if (leaf.scanStamp != 0 && ++leaf.scanStamp == 0) leaf.scanStamp = 1;
+}
+
+// The data under a key of an unlocked leaf whose keys are numbers, null if there is none. `hash` is the leaf's
+// own.
+template <class Hash>
+[[gnu::always_inline]] inline void* dataInUnlocked(const Table& leaf, std::uint64_t key, Hash hash) {
+  if (const KeyIndex* const index = indexOf(leaf)) {
+    const KeyIndex::Slot* const slot = index->find(key);
+    return slot != nullptr ? slot->data : nullptr;
+  }
+  const Entry* const entry = findByNumber(chainOf(bucketAt(leaf, hash(key))), key);
+  return entry != nullptr ? entry->data : nullptr;
+}
+
+// The key's entry leaves its chain.
+inline void forgetInIndex(Table& leaf, std::uint64_t key) {
+  if (KeyIndex* const index = indexOf(leaf)) index->forget(index->find(key));
 }
 
 inline void releaseKey(const Table& table, std::uint64_t key) {

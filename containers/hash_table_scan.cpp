@@ -100,6 +100,7 @@ private:
       return &entry->next;
     }
     *link = entry->next;
+    forgetInIndex(leaf_, here.key);
     noteChange(leaf_);
     const Place after(*link);
     const std::uint32_t stampUnlinked = leaf_.scanStamp;

@@ -12,11 +12,13 @@
 
 #include <algorithm>
 #include <array>
+#include <bit>
 #include <limits>
 #include <new>
 #include <utility>
 
 #include "containers/hash_table_leaf.h"
+#include "containers/range_table_hash.h"
 #include "containers/table_flags.h"
 #include "veskrt/atomic.h"
 #include "veskrt/memory.h"
@@ -25,9 +27,7 @@ namespace vesk::range_table {
 
 namespace {
 
-using hash_table::bucketAt;
 using hash_table::chainOf;
-using hash_table::findByNumber;
 
 constexpr std::uint32_t kMinLevel = VESK_RANGE_TABLE_MIN_LEVEL;
 constexpr std::uint32_t kMaxLevel = VESK_RANGE_TABLE_MAX_LEVEL;
@@ -86,17 +86,24 @@ VeskHashTable* levelTableFor(RangeTable& table, std::uint32_t level) {
   if (slot == nullptr) {
     slot = __VeskCreateHashTable(kLevelTableFlags, &kHashFunctions[level - kMinLevel], 1, nullptr, nullptr,
                                  categoryOf(table), shiftOf(table));
+    table.levelsMade |= 1u << (level - kMinLevel);
   }
   return slot;
 }
 
+// The block is about to leave its bucket.
+void prefetchBucket(const RangeTable& table, std::uint32_t level, std::uint64_t block) {
+  const VeskHashTable* const blocks = levelTable(table, level);
+  if (blocks == nullptr) return;
+  __builtin_prefetch(&hash_table::bucketAt(*blocks, hashShifted(block, level - kMinLevel + 1)).head, 1);
+}
+
 // What is stored under a block, or null.
 [[gnu::always_inline]] inline void* probe(const RangeTable& table, std::uint32_t level, std::uint64_t block) {
-  const VeskHashTable* const blocks = levelTable(table, level);
-  if (blocks == nullptr) return nullptr;
-  const auto& bucket = bucketAt(*blocks, hashShifted(block, level - kMinLevel + 1));
-  const VeskHashTableEntry* const found = findByNumber(chainOf(bucket), block);
-  return found != nullptr ? found->data : nullptr;
+  if ((table.levelsMade >> (level - kMinLevel) & 1) == 0) return nullptr;
+  return hash_table::dataInUnlocked(*levelTable(table, level), block, [=](std::uint64_t key) {
+    return hashShifted(key, level - kMinLevel + 1);
+  });
 }
 
 // Calls visit(level, block start, data) for everything stored.
@@ -193,6 +200,7 @@ void dropLink(const RangeTable& table, std::uint64_t block, RangeTableLink* head
 
 void removeRange(const RangeTable& table, std::uint64_t start, std::uint64_t end, bool destroying) {
   decompose(table, start, end, [&](std::uint32_t level, std::uint64_t block) {
+    prefetchBucket(table, level, block);
     void* const found = probe(table, level, block);
     if (found == nullptr) return;
     if (keepsChains(table, level)) {
@@ -205,7 +213,10 @@ void removeRange(const RangeTable& table, std::uint64_t start, std::uint64_t end
 }
 
 const RangeTableEntry* lookUp(const RangeTable& table, std::uint64_t address) {
-  for (std::uint32_t level = table.maxLevel; level > kMinLevel; --level) {
+  for (std::uint32_t left = table.levelsMade & ~1u; left != 0;) {
+    const auto highest = static_cast<std::uint32_t>(std::bit_width(left)) - 1;
+    left ^= 1u << highest;
+    const std::uint32_t level = highest + kMinLevel;
     void* const found = probe(table, level, address & ~(sizeOf(level) - 1));
     if (found != nullptr) return static_cast<const RangeTableEntry*>(found);
   }
@@ -334,6 +345,10 @@ bool isUsable(const RangeTable* table) { return table != nullptr && table->level
 
 } // namespace
 
+bool isLevelHash(VeskHashFunction function) {
+  return std::find(kHashFunctions.begin(), kHashFunctions.end(), function) != kHashFunctions.end();
+}
+
 } // namespace vesk::range_table
 
 using namespace vesk::range_table;
@@ -344,6 +359,7 @@ RangeTable* __VeskCreateRangeTable(uint64_t span, uint32_t category, uint32_t sh
       new (__VeskMalloc(category, sizeof(RangeTable), 0)) RangeTable{.flags = 0,
                                                                      .minLevel = kMinLevel,
                                                                      .maxLevel = kMaxLevel,
+                                                                     .levelsMade = 0,
                                                                      .destroyItem = destroyItem,
                                                                      .levels = nullptr};
   table->flags = vesk::tableFlags(flags, category, shift);

@@ -90,6 +90,15 @@ template <class Body, class... Arguments>
 
 // ---- Searches ----
 
+// An entry lies in two cache lines mostly. The way down of an insertion asks for those of both children: the
+// one that it leaves aside is looked at by the fix-up.
+[[gnu::always_inline]] inline void prefetchColour(const Entry* entry) { __builtin_prefetch(&entry->colour); }
+
+[[gnu::always_inline]] inline void prefetchWhole(const Entry* entry) {
+  __builtin_prefetch(&entry->left);
+  prefetchColour(entry);
+}
+
 // Where the key would be inserted: the last entry on the way down, and on which side of it. The tree is not
 // empty.
 struct Place {
@@ -103,6 +112,8 @@ constexpr auto findPlace = [](auto order, const Tree* tree, std::uint64_t key) {
   for (;;) {
     Entry* const left = entry->left;
     Entry* const right = entry->right;
+    prefetchColour(left);
+    prefetchColour(right);
     const bool before = order(key, entry->key).before();
     Entry* const below = before ? left : right;
     if (below == nil) return Place{entry, before ? Side::kLeft : Side::kRight};
@@ -174,12 +185,17 @@ constexpr auto admit = [](auto order, Entry* reached, std::uint64_t bound) -> En
   return (side == Side::kLeft ? compared.after() : compared.before()) ? nullptr : reached;
 };
 
+// Each entry's address is in the one before it, so that a walk alone would wait for memory at every step. The
+// tree's links know what comes a few steps later: the parent, and the far part of the subtree that is about
+// to be entered.
 template <Side side>
 [[gnu::always_inline]] inline Entry* step(Entry* entry, std::uint64_t bound) {
   if (entry == nullptr) return nullptr;
   const Tree* const tree = entry->tree;
   Entry* const reached = neighbour<side>(entry);
   if (entry == tree->nil || reached == tree->nil) return nullptr;
+  prefetchWhole(reached->parent);
+  prefetchWhole(child<side>(child<side>(reached)));
   return inOrderOf(tree, admit<side>, reached, bound);
 }
 
@@ -297,6 +313,10 @@ void restoreAfterRemoval(Tree* tree, Entry* entry) {
 void removeEntry(Entry* entry) {
   Tree* const tree = entry->tree;
   Entry* const nil = tree->nil;
+  prefetchWhole(entry->next);
+  prefetchWhole(entry->parent);
+  prefetchColour(entry->left);
+  prefetchColour(entry->right);
   entry->next->prev = entry->prev;
   entry->prev->next = entry->next;
 

@@ -7,6 +7,9 @@
 //
 // Whatever is in the segment another process wrote: the count is read once, and records are used from private
 // copies only.
+//
+// The program may close any descriptor, and open a file of its own under the number. So before the descriptor
+// is used it is looked at, and the lock file opened again if it is gone.
 #include "veskrt/command_handler.hpp"
 
 #include <cerrno>
@@ -17,6 +20,7 @@
 #include <sys/ipc.h>
 #include <sys/sem.h>
 #include <sys/shm.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include "control/safe_open.h"
@@ -80,6 +84,38 @@ bool waitForLock(int file) {
     if (errno != EINTR) return false;
   }
   return true;
+}
+
+bool namesSegment(int file, int segment) {
+  int named;
+  return pread(file, &named, sizeof named, 0) == sizeof named && named == segment;
+}
+
+// By its place, and where it was removed or the working directory changed, by what it says.
+bool isLockFile(int file, const char* path, int segment) {
+  struct stat own;
+  struct stat named;
+  if (fstat(file, &own) != 0) return false;
+  if (stat(path, &named) == 0 && own.st_dev == named.st_dev && own.st_ino == named.st_ino) return true;
+  return S_ISREG(own.st_mode) && namesSegment(file, segment);
+}
+
+// Opens the lock file of a channel that exists; -1 when it is not there any more.
+[[gnu::noinline]] int reopenLockFile(const char* path, int segment) {
+  const int file = safeOpen(path, O_RDWR | O_CLOEXEC | O_NOFOLLOW, 0);
+  if (file == -1 || namesSegment(file, segment)) return file;
+  close(file);
+  return -1;
+}
+
+// The lock file's descriptor, which is never one of the program's.
+int ownDescriptor(std::int32_t& lockFile, const char* path, int segment) {
+  int file = loadRelaxed(lockFile);
+  if (file == -1 || isLockFile(file, path, segment)) [[likely]]
+    return file;
+  file = reopenLockFile(path, segment);
+  storeRelaxed(lockFile, file);
+  return file;
 }
 
 bool append(int file, const void* word) { return write(file, word, 4) == 4; }
@@ -146,7 +182,9 @@ void CollectorCommandHandler::destroySharedMemoryAndLockFile(_VESKCMDHDLRCLEANEX
     shmdt(address);
     storeRelaxed(segmentAddress_, nullptr);
   }
-  if (const int segment = loadRelaxed(segmentIdentifier_); segment != -1) {
+  const int segment = loadRelaxed(segmentIdentifier_);
+  const int file = ownDescriptor(lockFile_, lockFilePath_, segment);
+  if (segment != -1) {
     shmctl(segment, IPC_RMID, nullptr);
     storeRelaxed(segmentIdentifier_, -1);
   }
@@ -154,7 +192,7 @@ void CollectorCommandHandler::destroySharedMemoryAndLockFile(_VESKCMDHDLRCLEANEX
     semctl(set, 0, IPC_RMID);
     storeRelaxed(semaphoreSet_, -1);
   }
-  if (const int file = loadRelaxed(lockFile_); file != -1) {
+  if (file != -1) {
     close(file);
     storeRelaxed(lockFile_, -1);
     if (extent != VESKCMDHDLR_CLEAN_PARTIAL) unlink(lockFilePath_);
@@ -165,7 +203,10 @@ void CollectorCommandHandler::cleanupCommandHandler(_VESKCMDHDLRCLEANEXTENT exte
   destroySharedMemoryAndLockFile(extent);
 }
 
-int CollectorCommandHandler::acquireLock() { return flock(loadRelaxed(lockFile_), LOCK_EX | LOCK_NB) == 0; }
+int CollectorCommandHandler::acquireLock() {
+  const int file = ownDescriptor(lockFile_, lockFilePath_, loadRelaxed(segmentIdentifier_));
+  return flock(file, LOCK_EX | LOCK_NB) == 0;
+}
 
 int CollectorCommandHandler::releaseLock() { return flock(loadRelaxed(lockFile_), LOCK_UN); }
 

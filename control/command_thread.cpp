@@ -36,8 +36,8 @@ enum Registration : std::uint32_t { kNone, kClaimed, kInProgress, kReady, kServe
 constinit std::uint32_t registration = kNone;
 constinit void* commandThread = nullptr; // the host's handle; null when no thread is registered
 constinit std::int32_t stopFlag = 0;     // set before the post that wakes the thread; never cleared
-constinit std::uint32_t stopGuard = 0;
-constinit pid_t owner = 0; // the process that registered
+constinit std::uint32_t stopGuard = 0;   // whoever waits for the thread's end
+constinit pid_t owner = 0;               // the process that registered
 
 // Constructed by the first registration: an object with a destructor would have one registered at load.
 alignas(CollectorCommandHandler) constinit unsigned char storage[sizeof(CollectorCommandHandler)] = {};
@@ -66,6 +66,7 @@ namespace vesk {
 struct CommandThread {
   // Read afresh for every wait: the channel may be taken down and its set with it.
   static int semaphoreSet() { return loadRelaxed(handler->semaphoreSet_); }
+  static bool hasChannel() { return handler != nullptr && loadRelaxed(handler->segmentAddress_) != nullptr; }
 };
 
 } // namespace vesk
@@ -107,6 +108,17 @@ void stopCommandThread() {
   storeRelaxed(commandThread, nullptr);
 }
 
+// A thread that a failed registration has left, or that is about to end since its channel is gone: the host
+// gets it back before a new one takes its place.
+void awaitEndedThread(const ThreadServices& services) {
+  ScopedOnceGuard guard(stopGuard);
+  const std::uint32_t state = loadAcquire(registration);
+  const bool ends = state == kNone || ((state == kReady || state == kServed) && !CommandThread::hasChannel());
+  if (!ends || loadRelaxed(commandThread) == nullptr) return;
+  services.waitForThread(&commandThread, kStopTimeoutMilliseconds, nullptr);
+  storeRelaxed(commandThread, nullptr);
+}
+
 void commandHandlerExitCallback(void*) {
   if (!ownedHere()) return;
   ScopedOnceGuard guard(stopGuard);
@@ -122,13 +134,8 @@ int __VeskRegisterCommandHandlerWithHeartbeat(const char* directory, VeskCommand
       services.waitForThread == nullptr || services.addExitCallback == nullptr) {
     return 0;
   }
+  awaitEndedThread(services);
   if (!compareAndSwap(registration, kNone, kClaimed)) return 0;
-  if (loadRelaxed(commandThread) != nullptr) {
-    // Left by a registration that failed, or ended with its channel: the host gets its thread back before a
-    // new one replaces it.
-    services.waitForThread(&commandThread, kStopTimeoutMilliseconds, nullptr);
-    storeRelaxed(commandThread, nullptr);
-  }
   if (handler == nullptr) handler = new (storage) CollectorCommandHandler;
   storeRelease(owner, getpid());
   storeRelease(registration, kInProgress);

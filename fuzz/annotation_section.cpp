@@ -1,11 +1,10 @@
 // Annotation sections of any bytes at all, placed against a guard page: nothing outside is read, and the walk
 // ends. What a callback gets lies inside as well.
-#include <cstdint>
-#include <cstdlib>
 #include <cstring>
 
 #include <sys/mman.h>
 
+#include "fuzz/support.h"
 #include "veskrt/annotations.h"
 
 namespace {
@@ -17,9 +16,9 @@ unsigned char* guardedEnd() {
   static unsigned char* const end = [] {
     void* base =
         mmap(nullptr, kMostBytes + kPage, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-    if (base == MAP_FAILED) std::abort();
+    fuzz::require(base != MAP_FAILED);
     auto* guard = static_cast<unsigned char*>(base) + kMostBytes;
-    if (mprotect(guard, kPage, PROT_NONE) != 0) std::abort();
+    fuzz::require(mprotect(guard, kPage, PROT_NONE) == 0);
     return guard;
   }();
   return end;
@@ -29,9 +28,9 @@ uint64_t visit(VESK_QEL_RECORD* record, uint64_t context) {
   const auto* start = reinterpret_cast<const unsigned char*>(context);
   const auto* name = reinterpret_cast<const unsigned char*>(record->name);
   const unsigned char* end = guardedEnd();
-  if (name < start || name >= end || record->expression < start || record->expression >= end) std::abort();
-  if (std::memchr(name, 0, static_cast<size_t>(end - name)) == nullptr) std::abort();
-  if (record->hasLocation != 1 || record->location.isRegister > 1) std::abort();
+  fuzz::require(name >= start && name < end && record->expression >= start && record->expression < end);
+  fuzz::require(std::memchr(name, 0, static_cast<size_t>(end - name)) != nullptr);
+  fuzz::require(record->hasLocation == 1 && record->location.isRegister <= 1);
   return 0;
 }
 
@@ -39,8 +38,10 @@ uint64_t visit(VESK_QEL_RECORD* record, uint64_t context) {
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   if (size > kMostBytes) return -1;
+  fuzz::startRuntime();
   unsigned char* section = guardedEnd() - size;
   std::memcpy(section, data, size);
   __VeskQELParseAndProcessRecords(0x1000, section, size, visit, section);
+  fuzz::takeLog();
   return 0;
 }

@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "host/descriptors.h"
 #include "host/modules.h"
 #include "host/next.h"
 
@@ -218,6 +219,7 @@ void observedForkInChild() noexcept {
   ownProcess.store(getpid(), std::memory_order_relaxed);
   if (!hears(&VeskHostEvents::forkedInChild)) return;
   Event event;
+  CollectorOpensFiles opening;
   if (event->forkedInChild != nullptr) event->forkedInChild();
 }
 

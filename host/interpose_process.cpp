@@ -12,6 +12,7 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include "host/descriptors.h"
 #include "host/environment.h"
 #include "host/modules.h"
 #include "host/next.h"
@@ -65,6 +66,7 @@ int tellingExec(Execute execute) noexcept {
   const int result = execute();
   if (isOwnProcess() && hears(&VeskHostEvents::execFailed)) {
     Event event;
+    CollectorOpensFiles opening;
     if (event->execFailed != nullptr) event->execFailed();
   }
   return result;

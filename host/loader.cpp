@@ -7,6 +7,7 @@
 #include <dlfcn.h>
 #include <unistd.h>
 
+#include "host/descriptors.h"
 #include "host/environment.h"
 #include "host/modules.h"
 #include "host/next.h"
@@ -51,6 +52,7 @@ VeskHostEvents startCollector(const Settings& settings) noexcept {
   if (start == nullptr) refuse("this is no collector", settings.collector);
   fatalHook = [](int) noexcept { refuse("the collector cannot start", "its log says why"); };
   VeskHostEvents events = {};
+  CollectorOpensFiles opening;
   const int status = start(settings.argumentCount, settings.arguments, &events);
   if (status != 0) endBeforeStart(status == VESK_COLLECTOR_DONE ? 0 : status);
   return events;

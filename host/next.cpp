@@ -8,8 +8,14 @@
 #include <cstring>
 
 #include <dlfcn.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
 #include "host/inner_heap.h"
+
+// As the C library exports them beside the usual names.
+extern "C" int __close(int descriptor);
+extern "C" int __dup2(int from, int to) noexcept;
 
 namespace veskhost {
 
@@ -51,6 +57,11 @@ void* firstPvalloc(std::size_t bytes) {
   return findNext() ? nextFunctions.pvalloc(bytes) : inner::allocate(bytes, 4096);
 }
 
+int firstCloseRange(unsigned first, unsigned last, int flags) {
+  return static_cast<int>(syscall(SYS_close_range, first, last, flags));
+}
+int firstDup3(int from, int to, int flags) { return static_cast<int>(syscall(SYS_dup3, from, to, flags)); }
+
 template <class Function>
 void find(Function*& function, const char* name) noexcept {
   function = reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
@@ -70,7 +81,11 @@ constinit Next nextFunctions = {.malloc = firstMalloc,
                                 .memalign = firstMemalign,
                                 .valloc = firstValloc,
                                 .pvalloc = firstPvalloc,
-                                .usableSize = firstUsableSize};
+                                .usableSize = firstUsableSize,
+                                .close = __close,
+                                .closeRange = firstCloseRange,
+                                .dup2 = __dup2,
+                                .dup3 = firstDup3};
 
 bool findNext() noexcept {
   Search seen = Search::kNotYet;
@@ -86,6 +101,11 @@ bool findNext() noexcept {
   find(found.valloc, "valloc");
   find(found.pvalloc, "pvalloc");
   find(found.usableSize, "malloc_usable_size");
+  find(found.close, "close");
+  find(found.closeRange, "close_range");
+  if (found.closeRange == nullptr) found.closeRange = firstCloseRange;
+  find(found.dup2, "dup2");
+  find(found.dup3, "dup3");
   find(found.pthreadCreate, "pthread_create");
   find(found.pthreadCancel, "pthread_cancel");
   find(found.thrdCreate, "thrd_create");

@@ -24,6 +24,12 @@ struct Next {
   void* (*pvalloc)(std::size_t);
   std::size_t (*usableSize)(void*);
 
+  // Until they are looked up, the C library's.
+  int (*close)(int);
+  int (*closeRange)(unsigned, unsigned, int);
+  int (*dup2)(int, int);
+  int (*dup3)(int, int, int);
+
   int (*pthreadCreate)(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*) = nullptr;
   int (*pthreadCancel)(pthread_t) = nullptr;
   int (*thrdCreate)(thrd_t*, thrd_start_t, void*) = nullptr;

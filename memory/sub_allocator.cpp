@@ -37,6 +37,8 @@ constexpr std::uint16_t kSlabMagic = 0xBEEF;
 constexpr std::uint64_t kFreeMark = 1;
 constexpr std::size_t kCacheLine = 64;
 
+struct Row;
+
 struct Slab {
   Slab* next;
   Slab* previous;
@@ -47,7 +49,7 @@ struct Slab {
   std::uint16_t magic;
   std::uint8_t category;
   std::uint8_t shift;
-  std::uint64_t unused;
+  Row* row; // of its category and class: spares a release the way through the table
 };
 static_assert(sizeof(Slab) == 3 * kUnit);
 
@@ -135,7 +137,7 @@ void* allocateFromHost(std::uint64_t bytes) {
 std::uint64_t nominalSlabSize(std::uint32_t shift) { return std::uint64_t{1} << (16 + shift); }
 
 // A slab with every chunk on its free list, in address order.
-Slab* makeSlab(std::uint32_t category, std::uint32_t sizeClass, std::uint32_t shift) {
+Slab* makeSlab(Row& row, std::uint32_t category, std::uint32_t sizeClass, std::uint32_t shift) {
   const std::uint64_t request = nominalSlabSize(shift) - kUnit;
   auto* const slab = static_cast<Slab*>(allocateFromHost(request));
   const auto total = static_cast<std::uint32_t>((request / kUnit - sizeof(Slab) / kUnit) / sizeClass);
@@ -149,7 +151,7 @@ Slab* makeSlab(std::uint32_t category, std::uint32_t sizeClass, std::uint32_t sh
                   .magic = kSlabMagic,
                   .category = static_cast<std::uint8_t>(category),
                   .shift = static_cast<std::uint8_t>(shift),
-                  .unused = 0};
+                  .row = &row};
   const std::size_t wordsPerChunk = std::size_t{sizeClass} * kUnit / sizeof(std::uint64_t);
   std::uint64_t* chunk = first;
   for (std::uint32_t i = 1; i < total; ++i, chunk += wordsPerChunk) {
@@ -163,9 +165,15 @@ Slab* makeSlab(std::uint32_t category, std::uint32_t sizeClass, std::uint32_t sh
 // first.
 [[gnu::noinline]] void* allocateFromNewSlab(Row& row, std::uint32_t category, std::uint32_t sizeClass,
                                             std::uint32_t shift) {
-  Slab* const slab = makeSlab(category, sizeClass, shift);
+  Slab* const slab = makeSlab(row, category, sizeClass, shift);
   if (statisticsOn()) accountSlabAcquired(category, nominalSlabSize(shift));
   return briefly(row.lock, pushAndTakeChunk, &row, slab);
+}
+
+[[gnu::noinline]] void* allocateFromBusyRow(Row& row, std::uint32_t category, std::uint32_t sizeClass,
+                                            std::uint32_t shift) {
+  void* const pointer = briefly(row.lock, takeChunk, &row);
+  return pointer != nullptr ? pointer : allocateFromNewSlab(row, category, sizeClass, shift);
 }
 
 [[gnu::noinline]] void* allocateLarge(std::uint32_t size) {
@@ -185,6 +193,11 @@ Slab* makeSlab(std::uint32_t category, std::uint32_t sizeClass, std::uint32_t sh
   hostFree(slab);
 }
 
+[[gnu::noinline]] void freeIntoBusyRow(Row& row, Slab* slab, std::uint64_t* chunk) {
+  Slab* const emptied = briefly(row.lock, putChunk, &row, slab, chunk);
+  if (emptied != nullptr) releaseSlab(row, emptied);
+}
+
 // The header is no slab's address: a large block, or a chunk that is free already.
 [[gnu::noinline]] void freeMarked(void* pointer, std::uint64_t header) {
   if (header == kLargeMark) {
@@ -202,19 +215,24 @@ Slab* makeSlab(std::uint32_t category, std::uint32_t sizeClass, std::uint32_t sh
 using namespace vesk;
 using namespace vesk::memory;
 
+// Both leave for the slow paths by jumps: nothing has to be kept in registers across a call, and what is not stored
+// need not be waited for by the next locked instruction.
+
 void* __VeskMalloc(uint32_t category, uint32_t size, uint32_t shift) {
-  const std::uint64_t sizeClass = (std::uint64_t{size} + 23) >> 4;
+  const auto sizeClass = static_cast<std::uint32_t>((std::uint64_t{size} + 23) >> 4);
   Row* const table = loadAcquire(rows);
   if (table == nullptr) [[unlikely]]
     endWithoutMemory();
   if (sizeClass > kClasses) [[unlikely]]
     return allocateLarge(size);
   category = category < VESK_MAX_MEMORY_CATEGORIES ? category : VESK_MEMORY_CATEGORY_MISC;
-  Row& row = rowOf(table, category, static_cast<std::uint32_t>(sizeClass));
-  void* const pointer = briefly(row.lock, takeChunk, &row);
-  if (pointer != nullptr) [[likely]]
-    return pointer;
-  return allocateFromNewSlab(row, category, static_cast<std::uint32_t>(sizeClass), shift & 15);
+  Row& row = rowOf(table, category, sizeClass);
+  void* pointer;
+  if (!tryBriefly(row.lock, [&] { pointer = takeChunk(&row); })) [[unlikely]]
+    return allocateFromBusyRow(row, category, sizeClass, shift & 15);
+  if (pointer == nullptr) [[unlikely]]
+    return allocateFromNewSlab(row, category, sizeClass, shift & 15);
+  return pointer;
 }
 
 void __VeskFree(void* pointer) {
@@ -226,8 +244,10 @@ void __VeskFree(void* pointer) {
     return freeMarked(pointer, header);
 
   auto* const slab = reinterpret_cast<Slab*>(header);
-  Row& row = rowOf(loadRelaxed(rows), slab->category, slab->sizeClass);
-  Slab* const emptied = briefly(row.lock, putChunk, &row, slab, chunk);
+  Row& row = *slab->row;
+  Slab* emptied;
+  if (!tryBriefly(row.lock, [&] { emptied = putChunk(&row, slab, chunk); })) [[unlikely]]
+    return freeIntoBusyRow(row, slab, chunk);
   if (emptied != nullptr) [[unlikely]]
     releaseSlab(row, emptied);
 }

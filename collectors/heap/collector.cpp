@@ -255,8 +255,8 @@ void processEnding(VeskProcessEnd how, int status) {
   }
   releaseReport(report);
 
-  // The program may have closed the log's descriptor and opened another file under its number.
-  __VeskCreateLogger("veskheap", files.log.text(), 1);
+  // The program may have put another file in the place of the log, by system calls of its own.
+  if (how != VESK_END_EXEC) __VeskCreateLogger("veskheap", files.log.text(), 1);
   if (error == 0) {
     __VeskLogInternal(VESKLOG_SEVERITY_INFO, VESKLOG_MSG_COMMENT, 0, "Result: %s", path.text());
   } else {
@@ -266,8 +266,10 @@ void processEnding(VeskProcessEnd how, int status) {
   __VeskCloseLogger();
 }
 
-// What the program may execute instead finds the channel's directory free.
-void execFailed() { startCommands(settings, files, reportCategory); }
+void execFailed() {
+  continueLog(files);
+  startCommands(settings, files, reportCategory);
+}
 
 // ---- The start ----
 

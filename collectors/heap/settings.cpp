@@ -4,6 +4,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -273,6 +274,20 @@ void nameNumbered(Path& path, const Path& result, const char* word, std::uint32_
     path.clear();
     path.append("%.*s.%s%u%s", stem, result.text(), word, ++number, result.text() + stem);
   } while (access(path.text(), F_OK) == 0);
+}
+
+void continueLog(const Files& files) {
+  constexpr char kEnd[] = "</log>";
+  constexpr off_t kLength = sizeof kEnd - 1;
+  char end[kLength];
+  const int log = open(files.log.text(), O_RDWR | O_CLOEXEC);
+  if (log < 0) return;
+  const off_t size = lseek(log, 0, SEEK_END);
+  if (size >= kLength && pread(log, end, kLength, size - kLength) == kLength &&
+      std::memcmp(end, kEnd, kLength) == 0 && ftruncate(log, size - kLength) != 0) {
+    tell("cannot continue the log %s", files.log.text());
+  }
+  close(log);
 }
 
 void logSettings(const Files& files) {

@@ -39,6 +39,9 @@ void nameFiles(Files& files, const Settings& settings);
 // not taken, which `number` then is.
 void nameNumbered(Path& path, const Path& result, const char* word, std::uint32_t& number);
 
+// Takes the closing tag off the log again, which goes on.
+void continueLog(const Files& files);
+
 // Has the options show the files' names where the log lists them.
 void logSettings(const Files& files);
 

@@ -38,9 +38,10 @@ VESK_BEGIN_DECLS
 typedef void (*VeskRangeTableDestroyItem)(uint64_t item);
 
 typedef struct RangeTable {
-  uint32_t flags;                        /* as created; category << 8, slab shift << 16; fixed */
-  uint32_t minLevel;                     /* 4 */
-  uint32_t maxLevel;                     /* 4 to 26; fixed */
+  uint32_t flags;      /* creation flags; bits 8 to 15: category, 16 to 19: slab shift; fixed */
+  uint32_t minLevel;   /* 4 */
+  uint32_t maxLevel;   /* 4 to 26; fixed */
+  uint32_t levelsMade; /* bit L - 4: element L - 4 below is not null; the library's own */
   VeskRangeTableDestroyItem destroyItem; /* or null; fixed */
 
   /* Element L - 4: from a block's start to its entry (at level 4 perhaps a chain); null until level L has its

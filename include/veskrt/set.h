@@ -124,7 +124,7 @@ VESK_API int32_t __VeskCompareSets(const Set* a, const Set* b);
 /* 1 when no element is in both, else 0. 0 for the same header, even of an empty set. */
 VESK_API int __VeskAreSetsDisjoint(const Set* a, const Set* b);
 
-/* 1 when every element of a is in b, else 0. 0 for the same header. */
+/* 1 when every element of a is in b, else 0. */
 VESK_API int __VeskIsASubsetOfSet(const Set* a, const Set* b);
 
 /* ---- Set algebra ---- */

@@ -152,6 +152,37 @@ static void forkAmidThreads(void) {
   }
 }
 
+// Does what it is told by standard input, a byte each, and answers with the same byte, while three threads
+// are busy on the heap.
+static void* noise(void* argument) {
+  void* block = NULL;
+  for (size_t i = 0; i < 1u << 31; ++i) {
+    block = realloc(block, 200 + i % 300 * 40);
+    free(malloc(i % 100));
+  }
+  return block;
+}
+
+NOINLINE static void obey(char** argv) {
+  static void* blocks[2][1000];
+  int batch = 0;
+  char order;
+  pthread_t thread;
+  for (int i = 0; i < 3; ++i) pthread_create(&thread, NULL, noise, NULL);
+  while (read(0, &order, 1) == 1 && order != 'q') {
+    for (int i = 0; i < 1000; ++i) {
+      if (order == 'a') blocks[batch][i] = malloc(123457);
+      if (order == 'f') free(blocks[0][i]), free(blocks[1][i]);
+    }
+    if (order == 'a') ++batch;
+    if (order == 'f') batch = 0;
+    if (order == 'c') closefrom(3);
+    if (order == 'x') execl("/nonexistent/program", argv[0], (char*)NULL);
+    if (order == 'e') execl("/bin/true", "true", (char*)NULL);
+    if (write(1, &order, 1) != 1) abort();
+  }
+}
+
 static void onSignal(int number) { keep(malloc(13)); }
 
 int main(int argc, char** argv) {
@@ -180,7 +211,9 @@ int main(int argc, char** argv) {
   } else if (strcmp(what, "signal") == 0) {
     signal(SIGUSR1, onSignal);
     raise(SIGUSR1);
-  } else if (strcmp(what, "closed") == 0) {
+  } else if (strcmp(what, "obey") == 0)
+    obey(argv);
+  else if (strcmp(what, "closed") == 0) {
     if (chdir("/") != 0) abort();
     for (int i = 0; i < 64; ++i) close(i);
     known();

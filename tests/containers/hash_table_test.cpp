@@ -150,6 +150,12 @@ void playAgainstModel(uint32_t seed, uint32_t flags, int32_t levels, uint32_t ca
   EXPECT_EQ(releasedKeys.size(), compares ? expectedReleases.size() + model.size() : 0);
 }
 
+uint32_t hashCalls = 0;
+uint64_t countingHash(VeskHashTable*, uint64_t key) {
+  ++hashCalls;
+  return key ^ key >> 32;
+}
+
 } // namespace
 
 TEST_F(HashTable, EveryModeAgreesWithAModel) {
@@ -285,6 +291,46 @@ TEST_F(HashTable, ThreadsUnderGrowth) {
     EXPECT_EQ(wrong, 0);
     EXPECT_GE(won, kKeys);
     EXPECT_EQ(countSound(table), won - removed);
+    __VeskDestroyHashTable(table, nullptr);
+  }
+}
+
+// Large unlocked tables are searched by an index beside their chains: the two must not part, and a hash
+// function from outside is called as in a small one.
+TEST_F(HashTable, LargeUnlockedTablesKeepFindingWhatTheyHold) {
+  for (uint32_t seed = 0; seed < 4; ++seed) {
+    std::mt19937_64 random(seed);
+    const VeskHashFunction function = seed == 3 ? countingHash : nullptr;
+    VeskHashTable* table =
+        __VeskCreateHashTable(VESK_HASH_TABLE_UNLOCKED, &function, 1, nullptr, nullptr, 0, 0);
+    std::map<uint64_t, uint64_t> model;
+    const uint64_t stride = std::vector<uint64_t>{1, 4096, (uint64_t{1} << 48) + 1, 0x9E3779B97F4A7C15}[seed];
+    for (uint64_t step = 0; step < 40000; ++step) {
+      const uint64_t key = random() % 12000 * stride, data = random() % 4; // 0 and 1 too
+      const auto known = model.find(key);
+      const int32_t bucketsBefore = table->bucketCount;
+      hashCalls = 0;
+      if (random() % 16 < (step % 20000 < 12000 ? 10 : 5)) {
+        ASSERT_EQ(numberOf(__VeskInsertHashTableEntry(table, key, dataOf(data))),
+                  known != model.end() ? known->second : data);
+        model.emplace(key, data);
+      } else {
+        ASSERT_EQ(numberOf(__VeskRemoveHashTableEntry(table, key)), known != model.end() ? known->second : 0);
+        if (known != model.end()) model.erase(known);
+      }
+      const uint64_t other = random() % 12000 * stride;
+      ASSERT_EQ(numberOf(__VeskLookupHashTable(table, other)), model.contains(other) ? model[other] : 0);
+      if (function != nullptr && table->entryCount > 0 && table->bucketCount == bucketsBefore) {
+        ASSERT_EQ(hashCalls, 2u);
+      }
+      if (step % 20000 == 13000) {
+        uint32_t visited = 0, entries = 0;
+        size_t even = std::erase_if(model, [](const auto& entry) { return entry.second % 2 == 0; });
+        ASSERT_EQ(__VeskScanHashTable(table, selectEven, &visited, 1, nullptr, &entries), even);
+      }
+    }
+    EXPECT_EQ(countSound(table), model.size());
+    EXPECT_GE(table->bucketCount, 8192);
     __VeskDestroyHashTable(table, nullptr);
   }
 }

@@ -83,7 +83,7 @@ void checkOwn(std::mt19937& random, Set& a, Model& inA, const Set& b, const Mode
   const int32_t difference = static_cast<int32_t>(inA.size()) - static_cast<int32_t>(inB.size());
   EXPECT_EQ(__VeskCompareSets(&a, &b), difference != 0 ? difference : inA != inB);
   EXPECT_EQ(__VeskAreSetsDisjoint(&a, &b), &a != &b && shared.empty());
-  EXPECT_EQ(__VeskIsASubsetOfSet(&a, &b), &a != &b && shared == inA);
+  EXPECT_EQ(__VeskIsASubsetOfSet(&a, &b), shared == inA);
   const uint32_t e = anElement(random);
   EXPECT_EQ(__VeskIsAnElementOfSet(&a, e), inA.contains(e) ? 1u << (e & 31) : 0);
   std::vector<uint32_t> visited;

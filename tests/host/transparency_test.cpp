@@ -31,6 +31,9 @@ constexpr const char* kCommands[] = {
     "mkdir d && seq 1000 > d/numbers && tar -cf - --mtime=@1 --owner=0 --group=0 --sort=name d | tar -tvf - "
     "&& ls d",
     "bash -c 'trap \"echo caught\" TERM; kill -TERM $$; exit 12'",
+    "bash -c 'exec 3>f 200>g; echo a >&3; echo b >&200; ls /proc/self/fd; cat f g'",
+    "/usr/bin/python3 -c 'import os; f = lambda: os.open(\"/dev/null\", 0)\n"
+    "print(f()); os.closerange(3, 2000); print(f(), f())'",
     "ls /nonexistent"};
 
 TEST(Transparency, ProgramsComeOutTheSame) {

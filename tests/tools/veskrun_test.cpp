@@ -111,9 +111,9 @@ TEST(Veskrun, PassesSignalsOnAndKeepsNoDescriptors) {
 }
 
 TEST(Veskrun, WorksFromADirectoryWithABlankInItsName) {
-  shell("mkdir -p 'a b/bin' 'a b/lib'; cd 'a b'; cp " + kVeskrun + " bin; cp -P " + kBinaries +
-        "/libveskhost.so " + kBinaries + "/libveskrt.so* lib; cp " + kBinaries +
-        "/libevent_collector.so lib/libveskheap.so");
+  shell("mkdir -p 'a b/bin' 'a b/lib/veskrt'; cd 'a b'; cp " + kVeskrun + " bin; cp -P " + kBinaries +
+        "/libveskhost.so " + kBinaries + "/libveskrt.so* lib/veskrt; cp " + kBinaries +
+        "/libevent_collector.so lib/veskrt/libveskheap.so");
   EXPECT_EQ(shell("'a b/bin/veskrun' -out events -- sh -c 'echo $LD_PRELOAD; exit 5'"),
             (test::Outcome{5, "\n"}));
   EXPECT_EQ(shell("tail -n 1 events; ls -d /tmp/veskrun-*").output, "end quick 5\n");

@@ -1,0 +1,179 @@
+#!/usr/bin/env python3
+"""The heap collector over a busy server for a long time, commanded all the while.
+
+usage: soak.py [MINUTES]    (30)
+
+Memory must stay flat, no command may be lost, every line of the log must be accounted for, every snapshot must add up.
+"""
+import os
+import random
+import re
+import statistics
+import subprocess
+import sys
+import time
+import xml.etree.ElementTree as ElementTree
+
+import common
+from common import need
+
+minutes = float(sys.argv[1]) if len(sys.argv) > 1 else 30
+veskctl = os.path.join(common.build, "veskctl")
+heartbeat = 3
+names = {1: "snapshot", 2: "reset", 3: "pause", 4: "resume"}
+period = 1.0 if minutes > 5 else 0.3
+
+
+class Soak:
+    def __init__(self):
+        self.expected = []  # (command, answer) in the order in which they were sent
+        self.paused = False
+        self.snapshots = []  # (seconds, hostBytes, stacks, resident KiB of the server)
+        self.idle = 0  # pauses long enough for a heartbeat
+        self.server = 0
+
+    def send(self, codes):
+        words = " + ".join(map(str, codes)).split()
+        done = subprocess.run([veskctl, "commands", "send", *words], capture_output=True, text=True, check=False)
+        need(done.returncode == 0, f"veskctl send {words}: {done.returncode} {done.stderr}")
+        for code in codes:
+            self.expected.append((names.get(code, str(code)), self.answer(code)))
+
+    def answer(self, code):
+        was, self.paused = self.paused, {3: True, 4: False}.get(code, self.paused)
+        if code == 3:
+            return "was paused already" if was else "paused"
+        if code == 4:
+            return "counting again" if was else "was not paused"
+        return {1: "written", 2: "counting from zero"}.get(code, "no command of this collector")
+
+    def status(self, name):
+        with open(f"/proc/{self.server}/status", encoding="ascii") as file:
+            return int(re.search(rf"^{name}:\s*(\d+)", file.read(), re.M).group(1))
+
+    def processor_seconds(self):
+        with open(f"/proc/{self.server}/stat", encoding="ascii") as file:
+            fields = file.read().rpartition(")")[2].split()
+        return (int(fields[11]) + int(fields[12])) / os.sysconf("SC_CLK_TCK")
+
+    def take_snapshots(self, seconds):
+        """Reads what snapshots there are, and removes them, so that disk and numbers stay small."""
+        for path in [path for path in os.listdir(".") if re.fullmatch(r"r\.snapshot\d+\.xml", path)]:
+            root = common.read_result(path)
+            own = int(root.findtext("collector/hostBytes"))
+            self.snapshots.append((seconds, own, len(root.findall("stacks/stack")), self.status("VmRSS")))
+            os.unlink(path)
+
+    def command_for(self, seconds):
+        begin = time.monotonic()
+        while time.monotonic() - begin < seconds:
+            choice = random.random()
+            if choice < 0.45:
+                self.send([1])
+            elif choice < 0.6:
+                self.send([random.choice([2, 3, 4])])
+            elif choice < 0.75:
+                self.send([random.randint(5, 1000) * random.choice([1, -1])])
+            else:
+                self.send(random.choices([1, 2, 3, 4, 99], k=random.randint(2, 5)))
+            if random.random() < 0.4 and self.paused:
+                self.send([4])
+            self.take_snapshots(time.monotonic() - begin)
+            if random.random() < 0.05:
+                self.idle += 1
+                time.sleep(2 * heartbeat)
+            time.sleep(period * random.random() * 2)
+
+    def check_log(self):
+        builder = ElementTree.TreeBuilder(insert_comments=True)
+        root = ElementTree.parse("r.log", ElementTree.XMLParser(target=builder)).getroot()
+        got, beats, statuses, notes = [], 0, 0, 0
+        ids = []
+        for record in root:
+            if record.tag is ElementTree.Comment:
+                text = record.text.strip()
+                if re.match("Periodic allocation status dump|Allocation status for ", text):
+                    statuses += 1
+                else:
+                    known = not ids or text == "Result: " + os.path.abspath("r.xml")
+                    need(known, f"a comment that nobody has asked for: {text}")
+                    notes += 1
+                continue
+            ids.append(int(record.get("id")))
+            kind = record.findtext("type")
+            if kind == "HEARTBEAT":
+                beats += 1
+                continue
+            need(kind == "COMMAND", f"a record of type {kind}")
+            arguments = {each.get("name"): each.text for each in record.findall("arg")}
+            got.append((arguments["command"], arguments["answer"]))
+        need(ids == list(range(1, len(ids) + 1)), "record ids are not consecutive")
+        for number, (wanted, found) in enumerate(zip(self.expected, got)):
+            need(wanted == found, f"command {number}: sent {wanted}, logged {found}")
+        need(len(got) == len(self.expected), f"{len(self.expected)} commands delivered, {len(got)} logged")
+        need(beats >= self.idle, f"{beats} heartbeats in {self.idle} idle times")
+        need(beats <= minutes * 60 / heartbeat + 1, f"{beats} heartbeats")
+        # Eight lines for a record with three arguments, ten for one with five, one for a comment.
+        with open("r.log", encoding="utf-8") as file:
+            lines = sum(1 for _ in file)
+        inside = 8 * len(got) + 10 * beats + statuses + notes
+        need(lines == inside + 5, f"the log has {lines} lines, {inside} of records")
+        return beats, statuses, notes
+
+    def check_memory(self):
+        quarter = minutes * 60 / 4
+        middle = lambda column, first, last: int(statistics.median(
+            row[column] for row in self.snapshots if first * quarter <= row[0] < last * quarter))
+        early, late = middle(1, 1, 2), middle(1, 3, 5)
+        bound = 1.01 if minutes >= 10 else 1.25 # a short run is still filling up
+        need(late <= early * bound, f"the collector's memory grew from {early} to {late} bytes")
+        return early, late, middle(3, 1, 2), middle(3, 3, 5)
+
+    def run(self):
+        os.mkdir("commands")
+        objects = subprocess.run(["ipcs", "-ms"], capture_output=True, text=True, check=True).stdout
+        seconds = minutes * 60
+        runner = subprocess.Popen(
+            [common.veskrun, "-out", "r.xml", "-commands", "commands", "-heartbeat", str(heartbeat), "-top", "0",
+             "--", os.path.join(common.build, "soak_server"), str(int(seconds + 10))], stdout=subprocess.PIPE)
+        try:
+            while not os.path.exists("commands/" + common.lock_file_name) or not self.server:
+                time.sleep(0.05)
+                need(runner.poll() is None, "the server does not start")
+                children = f"/proc/{runner.pid}/task/{runner.pid}/children"
+                with open(children, encoding="ascii") as file:
+                    self.server = int(file.read() or 0)
+            time.sleep(0.5)
+            descriptors = len(os.listdir(f"/proc/{self.server}/fd"))
+            threads = self.status("Threads")
+            self.command_for(seconds)
+            need(len(os.listdir(f"/proc/{self.server}/fd")) == descriptors, "descriptors are left open")
+            need(self.status("Threads") == threads, "threads are left")
+            busy = self.processor_seconds() / (seconds + 1)
+            output = runner.communicate(timeout=120)[0]
+        finally:
+            if runner.poll() is None:
+                if self.server:
+                    os.kill(self.server, 9)
+                runner.kill()
+                runner.wait()
+            common.remove_channel("commands")
+        need(runner.returncode == 0, f"the server ended with {runner.returncode}")
+        self.take_snapshots(seconds)
+        common.read_result("r.xml")
+        left = sorted(os.listdir("."))
+        need(left == ["commands", "r.log", "r.xml"] and not os.listdir("commands"), f"files left: {left}")
+        after = subprocess.run(["ipcs", "-ms"], capture_output=True, text=True, check=True).stdout
+        if after != objects:
+            print("soak: note: System V objects of the machine have changed meanwhile")
+        beats, statuses, notes = self.check_log()
+        early, late, resident_early, resident_late = self.check_memory()
+        print(f"soak: {minutes:g} minutes, {output.decode().strip()}, {busy:.2f} of a processor")
+        print(f"soak: {len(self.expected)} commands, each delivered, logged and answered in order; {beats} heartbeats, "
+              f"{statuses} lines of memory status, {notes} lines at the start and the end: the whole log")
+        print(f"soak: {len(self.snapshots)} snapshots, well-formed and adding up; at most {max(s[2] for s in self.snapshots)} stacks")
+        print(f"soak: the collector held {early} bytes in the second quarter, {late} in the last (medians); "
+              f"the process was resident with {resident_early} KiB, and {resident_late} KiB")
+
+
+common.main("soak", Soak().run)

@@ -87,6 +87,7 @@ set(CPACK_DEBIAN_TOOLS_PACKAGE_NAME veskrt-tools)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_SECTION devel)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS ${same_library})
 set(CPACK_DEBIAN_TOOLS_DESCRIPTION "${about} programs that run other programs under collectors: a
-heap profiler, and a reader of annotated places.")
+heap profiler, and a reader of annotated places; and a program that
+turns their results into reports.")
 
 include(CPack)

@@ -15,8 +15,7 @@ int main(void) {
   const char* const arguments[] = {"file", "line", NULL};
   const LogMessageDefinition definition = {"BAD_INPUT", arguments, 0, source};
   const uint32_t badInput = __VeskRegisterLogMessage2(&definition);
-  __VeskLogInternal(VESKLOG_SEVERITY_WARNING, badInput, 0, VESKLOG_ARG_STRING, "a<b>.txt", VESKLOG_ARG_INT,
-                    7);
+  __VeskLogInternal(VESKLOG_SEVERITY_WARNING, badInput, 0, VESKLOG_ARG_STRING, "a<b>", VESKLOG_ARG_INT, 7);
 
   /* An error without a type. */
   __VeskLogInternal(VESKLOG_SEVERITY_ERROR, VESKLOG_MSG_INTERNAL, 0, "%s is empty", "b.txt");

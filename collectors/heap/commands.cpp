@@ -14,8 +14,8 @@
 #include "collectors/heap/lock.h"
 #include "collectors/heap/report.h"
 #include "collectors/heap/result.h"
-#include "veskrt/host.h"
 #include "veskrt/command_handler.h"
+#include "veskrt/host.h"
 #include "veskrt/log.h"
 
 namespace heap {

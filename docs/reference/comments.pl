@@ -71,8 +71,11 @@ sub put_documented {
     return;
   }
   my ($indent) = $lines[0] =~ /^(\s*)/;
+  print shift @lines if $lines[0] =~ /^#if/;
   while (@lines && $lines[0] =~ /^$indent[^\s}]/ && !is_comment_start($lines[0]) && $lines[0] !~ /^#(?!define)/) {
-    put_comment("\n", @text);
+    # What is said of one declaration comes before what is said of all.
+    my @own = $lines[0] =~ s{(\S)\s*/\* (.*?)\.? \*/$}{$1} ? ("$2.\n", "\n") : ();
+    put_comment("\n", @own, @text);
     put_declaration();
   }
 }

@@ -14,14 +14,14 @@
  *
  * Where the compiler inlines or copies the code, each copy is annotated. Names are string literals without
  * '"' and '\'; numbers are integer literals, or macros that are one. x86-64, GNU assembler syntax, inside
- * functions only. A link with --gc-sections keeps the annotated functions. */
+ * functions only. A link with `--gc-sections` keeps the annotated functions. */
 #ifndef VESKRT_ANNOTATE_H
 #define VESKRT_ANNOTATE_H
 
 /* ---- Where a value is ----
  *
- * Registers are 0 to 31, by their DWARF numbers: rax 0, rdx 1, rcx 2, rbx 3, rsi 4, rdi 5, rbp 6, rsp 7, r8 to
- * r15 as they are called, xmm0 to xmm14 17 to 31. */
+ * Registers are 0 to 31, by their DWARF numbers: rax 0, rdx 1, rcx 2, rbx 3, rsi 4, rdi 5, rbp 6, rsp 7, r8
+ * to r15 as they are called, xmm0 to xmm14 17 to 31. */
 
 /* In a register. */
 #define VESK_IN_REGISTER(number) ".byte 1, 0x50 + (" VESK_ANNOTATE_TEXT_(number) ")\n"

@@ -20,8 +20,8 @@ VESK_API void veskHostInstall(void);
 
 /* ---- Memory for the library, over mappings of its own ---- */
 
-/* The pair that veskHostInstall() gives the library. A block is aligned to 16 bytes; null when the system has no
- * memory. Any thread may call them, under a lock of their own. */
+/* The pair that veskHostInstall() gives the library. A block is aligned to 16 bytes; null when the system has
+ * no memory. Any thread may call them, under a lock of their own. */
 VESK_API void* veskHostAllocate(uint64_t bytes);
 VESK_API void veskHostFree(void* block);
 

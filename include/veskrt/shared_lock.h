@@ -41,8 +41,8 @@ VESK_API void __VeskInitializeSharedExclusiveLock(VeskSharedExclusiveLock* lock)
 VESK_API void __VeskInitializeSharedExclusiveLockAndSpinCount(VeskSharedExclusiveLock* lock,
                                                               uint32_t spinCount);
 
-/* Acquire returns once the caller holds it shared: it waits while another thread holds it exclusive or waits to.
- * Release gives one such hold back. For the exclusive holder both do nothing. */
+/* Acquire returns once the caller holds it shared: it waits while another thread holds it exclusive or waits
+ * to. Release gives one such hold back. For the exclusive holder both do nothing. */
 VESK_API void __VeskAcquireSharedLock(VeskSharedExclusiveLock* lock);
 VESK_API void __VeskReleaseSharedLock(VeskSharedExclusiveLock* lock);
 

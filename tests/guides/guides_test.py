@@ -29,7 +29,7 @@ def contains(example, sample):
 
 def comparable(output):
     """Without what differs from run to run: times and thread ids."""
-    output = re.sub(r"\w{3} \w{3} [ \d]\d \d\d:\d\d:\d\d \d{4}", "TIME", output)
+    output = re.sub(r"\w{3} \w{3} [ \d]\d \d\d:\d\d:\d\d \d{4}|[\d-]{10} \d\d:\d\d:\d\d", "TIME", output)
     return re.sub(r"\[\d+ *\]", "[THREAD]", output).strip()
 
 

@@ -13,9 +13,9 @@
 
 #include <sys/resource.h>
 
-#include "veskrt/host.h"
 #include "runtime/once_guard.h"
 #include "veskrt/hash_table.h"
+#include "veskrt/host.h"
 #include "veskrt/log.h"
 #include "veskrt/memory.h"
 #include "veskrt/options.h"

@@ -12,6 +12,7 @@
 #include <unistd.h>
 
 #include "collectors/common/elf_file.h"
+#include "collectors/common/high_descriptors.h"
 #include "collectors/common/text.h"
 #include "collectors/common/xml_text.h"
 #include "host/veskhost.h"
@@ -240,11 +241,17 @@ bool createFiles(const Options& options) {
   partPath.append("%s.%d.part", resultPath.text(), __VeskGetPid());
   Path logPath;
   nameFile(logPath, options, options.log, "log");
-  if (__VeskCreateLogger("veskannotations", logPath.text(), 0) == 0) {
-    tell("veskannotations: cannot create the log file %s", logPath.text());
-    return false;
+  {
+    const common::HighDescriptors scope;
+    if (__VeskCreateLogger("veskannotations", logPath.text(), 0) == 0) {
+      tell("veskannotations: cannot create the log file %s", logPath.text());
+      return false;
+    }
   }
-  result = __VeskXMLCreateFile(partPath.text(), 0);
+  {
+    const common::HighDescriptors scope;
+    result = __VeskXMLCreateFile(partPath.text(), 0);
+  }
   if (result == nullptr) {
     tell("veskannotations: cannot create the result file %s", resultPath.text());
     return false;

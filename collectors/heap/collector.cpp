@@ -5,6 +5,7 @@
 // word.
 #include <cstring>
 
+#include "collectors/common/high_descriptors.h"
 #include "collectors/heap/accounts.h"
 #include "collectors/heap/backtrace.h"
 #include "collectors/heap/blocks.h"
@@ -198,13 +199,18 @@ void logStart() {
   logSettings(files);
 }
 
+bool createLog() {
+  const common::HighDescriptors scope;
+  return __VeskCreateLogger("veskheap", files.log.text(), 0) == 1;
+}
+
 // The child counts from zero, and what it has inherited is older than its collector.
 void forkedInChild() {
   leaveCommandsToParent();
   restartCounting();
   if (own.state != nullptr) own.state->lastBlock = nullptr;
   nameFiles(files, settings);
-  if (!__VeskCreateLogger("veskheap", files.log.text(), 0)) {
+  if (!createLog()) {
     tell("process %d cannot create its log %s", __VeskGetPid(), files.log.text());
   }
   logStart();
@@ -277,7 +283,7 @@ bool createFiles() {
     tell("cannot create the result file %s: %s", files.result.text(), std::strerror(error));
     return false;
   }
-  if (__VeskCreateLogger("veskheap", files.log.text(), 0)) return true;
+  if (createLog()) return true;
   tell("cannot create the log file %s", files.log.text());
   return false;
 }
@@ -290,7 +296,10 @@ void startParts() {
   startStacks({.stacks = __VeskRegisterMemoryCategory("HEAP_STACKS"),
                .sites = __VeskRegisterMemoryCategory("HEAP_SITES"),
                .threads = __VeskRegisterMemoryCategory("HEAP_THREADS")});
-  startBacktraces();
+  {
+    const common::HighDescriptors scope; // libunwind keeps a pipe
+    startBacktraces();
+  }
   startAccounts(settings.timelineMilliseconds, __VeskRegisterMemoryCategory("HEAP_TIMELINE"));
 }
 

@@ -8,6 +8,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "collectors/common/high_descriptors.h"
 #include "collectors/heap/counting.h"
 #include "collectors/heap/debug_categories.h"
 #include "collectors/heap/heap_commands.h"
@@ -135,6 +136,7 @@ bool makeDirectory() {
 }
 
 bool openChannel() {
+  const common::HighDescriptors scope; // for the channel's lock file
   errno = 0;
   if (makeDirectory() && __VeskRegisterCommandHandlerWithHeartbeat(directory.text(), onCommand, nullptr,
                                                                    static_cast<int>(settings->heartbeat))) {

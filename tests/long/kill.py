@@ -27,7 +27,9 @@ record = re.compile(r"\n\t<msg .*?\n\t</msg>", re.S)
 def start(command):
     """Starts a subject, and waits for its time to come."""
     runner = subprocess.Popen(command, stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL)
-    process = int(runner.stdout.readline())
+    line = runner.stdout.readline()
+    need(line, f"{command} does not start")
+    process = int(line)
     runner.stdin.write(b"x")
     runner.stdin.close()
     return runner, process

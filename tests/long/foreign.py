@@ -24,7 +24,7 @@ battery = {
                                 " with m.Pool(3) as p: print(p.map(abs, range(-9, 9)))"],
     "node": ["node", "-e", "const a=[];for(let i=0;i<1e5;i++)a.push({i});console.log(a.length);process.exitCode=4"],
     "git": ["sh", "-c", "git init -q -b main . && echo a>f && git add f && GIT_COMMITTER_DATE=@1 git -c user.name=a -c user.email=a@b "
-            "commit -qm x --date=@1 && git gc -q && git log --stat && git fsck --no-progress && rm -rf .git"],
+            "commit -qm x --date=@1 && git gc -q && git log --stat && git fsck --no-progress; status=$?; rm -rf .git; exit $status"],
     "git itself": ["git", "--version"],
     "tar": ["sh", "-c", "mkdir d && seq 5000 >d/n && tar -cf a.tar --mtime=@1 --owner=0 --group=0 --sort=name d && tar -tvf a.tar && rm -r d"],
     "tar itself": ["tar", "-cf", "a.tar", "--mtime=@1", "/etc/debian_version"],
@@ -52,7 +52,7 @@ battery = {
     "gdb": ["gdb", "-nx", "-batch", "-ex", "print 6*7", "/usr/bin/true"],
     "curl": ["curl", "-sS", "file:///etc/debian_version"],
     "ssh": ["ssh", "-G", "host.invalid"],
-    "gpg": ["gpg", "--homedir", ".", "--print-md", "sha256", "/etc/debian_version"],
+    "gpg": ["gpg", "--dump-options"],
     "vim": ["vim", "-u", "NONE", "-es", "-c", "%s/tcp/TCP/g", "-c", "w! out", "-c", "q!", "/etc/services"],
     "jq": ["jq", "-n", "[range(5000)] | map(. * 2) | add"],
     "bc": ["sh", "-c", "echo '2^2000' | bc"],

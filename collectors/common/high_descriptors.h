@@ -5,7 +5,7 @@
 namespace common {
 
 // While it lives, the first file to be opened gets a number far above the program's, and is closed by an exec. Others that the
-// process opens meanwhile come after it.
+// process opens meanwhile come after it. One inside another one costs next to nothing.
 class HighDescriptors {
 public:
   HighDescriptors() noexcept;

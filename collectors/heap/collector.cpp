@@ -296,10 +296,7 @@ void startParts() {
   startStacks({.stacks = __VeskRegisterMemoryCategory("HEAP_STACKS"),
                .sites = __VeskRegisterMemoryCategory("HEAP_SITES"),
                .threads = __VeskRegisterMemoryCategory("HEAP_THREADS")});
-  {
-    const common::HighDescriptors scope; // libunwind keeps a pipe
-    startBacktraces();
-  }
+  startBacktraces();
   startAccounts(settings.timelineMilliseconds, __VeskRegisterMemoryCategory("HEAP_TIMELINE"));
 }
 
@@ -311,6 +308,7 @@ extern "C" VESK_API int veskCollectorStart(std::uint32_t argc, const char* const
                                            VeskHostEvents* events) {
   using namespace heap;
   constexpr int kRefused = 2;
+  const common::HighDescriptors scope; // for the pipe that libunwind keeps, and those within
   __VeskEnableMemoryStatisticsCollection();
   switch (readSettings(settings, argc, argv)) {
   case Parsed::kHelpGiven:

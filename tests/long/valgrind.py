@@ -37,7 +37,9 @@ def run_test(test):
 
 def run():
     listing = subprocess.run(["ctest", "--test-dir", common.build, "--show-only=json-v1"], capture_output=True, check=True)
-    tests = [test for test in json.loads(listing.stdout)["tests"] if os.path.basename(test["command"][0]) not in not_units
+    tests = json.loads(listing.stdout)["tests"]
+    need(all("command" in test for test in tests), "the suite is not built")
+    tests = [test for test in tests if os.path.basename(test["command"][0]) not in not_units
              and not test["name"].startswith("Short.")]
     wanted = re.compile(sys.argv[1] if len(sys.argv) > 1 else "")
     chosen = [test for test in tests if wanted.search(test["name"])

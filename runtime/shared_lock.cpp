@@ -10,7 +10,7 @@ namespace vesk::shared_lock {
 void acquireSharedSlowly(VeskSharedExclusiveLock& lock) noexcept {
   Backoff backoff(lock.spinCount);
   while (loadRelaxed(lock.writerWaiting) == 1) backoff.busy();
-  fetchAdd(lock.readerCount, 1);
+  fetchAdd(word(lock), kOneReader);
   for (;;) {
     if (loadRelaxed(lock.state) == kExclusive) {
       backoff.busy();
@@ -20,9 +20,10 @@ void acquireSharedSlowly(VeskSharedExclusiveLock& lock) noexcept {
   }
 }
 
-// The single steps of a departure: another reader may arrive between them, and then the lock stays shared.
+// The single steps of a departure: another reader may arrive between them, and then the lock stays shared. Both are made on
+// the whole word, so that what a reader has read is ordered before the writer that finds the lock freed by another one.
 void releaseSharedSlowly(VeskSharedExclusiveLock& lock) noexcept {
-  fetchAdd(lock.readerCount, static_cast<std::uint32_t>(-1));
+  fetchAdd(word(lock), -kOneReader);
   compareAndSwap(word(lock), kShared, kFree);
 }
 

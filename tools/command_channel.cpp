@@ -94,6 +94,8 @@ std::optional<Result> CommandChannel::open() {
   }
   struct stat file {};
   if (fstat(file_, &file) != 0 || !S_ISREG(file.st_mode)) return refuse("is not a regular file");
+  // Who owns the file says where the commands go.
+  if (geteuid() != 0 && file.st_uid != geteuid()) return refuse("belongs to another user");
   if (pread(file_, &names_, sizeof names_, 0) != sizeof names_ ||
       names_.semaphoreKey != ftok(path_.c_str(), 0)) {
     return refuse("is not the lock file of a command channel");

@@ -253,6 +253,15 @@ bool endsWhole(const char* path) {
   return whole;
 }
 
+// Makes an empty file of this process's own: what lies under the name, a link of somebody else's perhaps, is not written through.
+int claim(const char* path) {
+  unlink(path);
+  const int descriptor = open(path, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0666);
+  if (descriptor < 0) return errno;
+  close(descriptor);
+  return 0;
+}
+
 } // namespace
 
 int checkResultFile(const char* path) {
@@ -260,17 +269,16 @@ int checkResultFile(const char* path) {
   if (stat(path, &status) == 0 && S_ISDIR(status.st_mode)) return EISDIR;
   PartName part;
   namePart(part, path);
-  const int descriptor = open(part.text(), O_WRONLY | O_CREAT | O_CLOEXEC, 0666);
-  if (descriptor < 0) return errno;
-  close(descriptor);
-  unlink(part.text());
-  return 0;
+  const int error = claim(part.text());
+  if (error == 0) unlink(part.text());
+  return error;
 }
 
 int writeResult(const char* path, const Report& report, const Ending& ending, std::uint32_t depth,
                 std::uint32_t category) {
   PartName part;
   namePart(part, path);
+  if (const int error = claim(part.text())) return error;
   errno = 0;
   VeskXMLFile* file = __VeskXMLCreateFile(part.text(), 0);
   if (file == nullptr) return errno != 0 ? errno : EIO;

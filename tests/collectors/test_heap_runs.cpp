@@ -245,6 +245,10 @@ TEST(HeapRuns, AResultIsWholeOrTheOldOne) {
   EXPECT_EQ(test::readFile("full/r.xml"), old);
   EXPECT_NE(test::readFile("err").find("cannot write the result"), std::string::npos);
   EXPECT_EQ(std::distance(fs::directory_iterator("full"), {}), 2); // the result and its log
+  // A link that somebody has put there is not written through.
+  EXPECT_EQ(run("-out r.xml", "/bin/sh -c 'echo precious > victim; ln -s victim r.xml.$$.part'").status, 0);
+  EXPECT_EQ(test::readFile("victim"), "precious\n");
+  readResult("r.xml");
 }
 
 } // namespace

@@ -62,6 +62,21 @@ TEST_F(CommandSending, TheProgramSendsShowsAndTellsWhy) {
   EXPECT_EQ(ctl(". send 1"), 3) << "left behind";
 }
 
+TEST_F(CommandSending, AnotherUsersFileIsNoChannel) {
+  if (geteuid() != 0) GTEST_SKIP() << "takes another user";
+  std::ofstream(VESK_COMMAND_LOCK_FILE) << "12345678";
+  ASSERT_EQ(chmod(VESK_COMMAND_LOCK_FILE, 0666), 0);
+  ASSERT_EQ(chmod(".", 0755), 0);
+  const pid_t child = forkHelper([] {
+    if (seteuid(65534) != 0) _exit(1);
+    CommandChannel channel(".");
+    const veskctl::Result result =
+        channel.send(numberedBatch(1, 1), veskctl::Deadline(std::chrono::seconds(1)));
+    _exit(result.reason.ends_with("belongs to another user") ? 9 : 2);
+  });
+  EXPECT_EQ(statusOf(child), 9);
+}
+
 TEST_F(CommandSending, ManyCommandsFromTwoProcessesArriveInOrder) {
   constexpr std::int32_t kBatches = 1000;
   CollectorProcess collector;

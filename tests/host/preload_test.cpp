@@ -121,7 +121,13 @@ TEST(Preload, TheEndComesAfterThePrograms) {
         Case{"closesAll", "module+", "end exit 31"}, Case{"smallStack", "malloc 5001 ", "end exit 0"},
         Case{"forkWhileBusy", "malloc 16 ", "end exit 0"},
         Case{"allocateInHandler", "malloc 14 ", "end exit 0"},
-        Case{"exitInHandler", "malloc 16 ", "end exit 41"}}) {
+        Case{"exitInHandler", "malloc 16 ", "end exit 41"}, Case{"forkInThread", "malloc 16 ", "end exit 0"},
+        Case{"spawnsWhileBusy", "malloc 16 ", "end exit 0"}, Case{"loadsStorm", "malloc 6199 ", "end exit 0"},
+        Case{"deepRecursion", "malloc 7000 ", "end exit 0"},
+        Case{"alternateStack", "malloc 7100 ", "end exit 0"},
+        Case{"jumpsOutOfHandlers", "malloc 7300 ", "end exit 0"},
+        Case{"staticStorage", "malloc 7400 ", "end exit 0"},
+        Case{"veryManyThreads", "malloc 7501 ", "end exit 0"}}) {
     SCOPED_TRACE(each.program);
     const auto events = eventsOf(std::string("subject ") + each.program);
     ASSERT_FALSE(events.empty());

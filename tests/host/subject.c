@@ -7,6 +7,7 @@
 #include <limits.h>
 #include <malloc.h>
 #include <pthread.h>
+#include <setjmp.h>
 #include <signal.h>
 #include <spawn.h>
 #include <stdint.h>
@@ -245,6 +246,181 @@ int smallStack(void) {
   printf("set %d\n", pthread_attr_setstacksize(&attributes, PTHREAD_STACK_MIN));
   printf("create %d\n", pthread_create(&id, &attributes, small, NULL));
   return pthread_join(id, NULL);
+}
+
+/* ---- Hostile ---- */
+
+/* Files that come after every descriptor was closed hold what the program writes, and nothing else. */
+int reusesDescriptors(void) {
+  char name[32];
+  closesAll();
+  for (int n = 0; n < 40; ++n) {
+    snprintf(name, sizeof name, "reused%d", n);
+    const int made = open(name, O_RDWR | O_CREAT | O_TRUNC, 0600);
+    if (made != n || write(made, name, strlen(name)) < 0) return 1;
+  }
+  for (size_t n = 0; n < 300000; ++n) keep = malloc(n % 500); /* until the collector has something to say */
+  forks();                                                    /* children, and the exec of another program */
+  return 33;
+}
+static void* forkHere(void* argument) {
+  for (int n = 0; n < 20; ++n) {
+    const pid_t pid = fork();
+    if (pid == 0) {
+      free(malloc(3004));
+      exit(n);
+    }
+    *(int*)argument += status(pid);
+  }
+  return argument;
+}
+int forkInThread(void) {
+  pthread_t id;
+  int sum = 0;
+  manyThreads(allocateForever);
+  pthread_create(&id, NULL, forkHere, &sum);
+  pthread_join(id, NULL);
+  printf("children %d\n", sum);
+  return 0;
+}
+int spawnsWhileBusy(void) {
+  char* const arguments[] = {(char*)"sh", (char*)"-c", (char*)"exit 3", NULL};
+  pid_t pid;
+  static int sum = 0;
+  manyThreads(allocateForever);
+  for (int n = 0; n < 10; ++n) {
+    if ((pid = vfork()) == 0) {
+      execvp(arguments[0], arguments);
+      _exit(1);
+    }
+    sum += status(pid);
+    if (posix_spawnp(&pid, arguments[0], NULL, NULL, arguments, environ) == 0) sum += status(pid);
+  }
+  printf("children %d\n", sum);
+  return 0;
+}
+static void* loadOften(void* argument) {
+  for (int n = 0; n < 200; ++n) {
+    void* handle = dlopen(module, RTLD_NOW);
+    free(malloc(6000 + (size_t)n));
+    *(int*)argument += handle != NULL && dlsym(handle, "moduleFunction") != NULL;
+    dlclose(handle);
+  }
+  return argument;
+}
+int loadsStorm(void) {
+  pthread_t ids[4];
+  int counts[4] = {0};
+  for (int n = 0; n < 4; ++n) pthread_create(&ids[n], NULL, loadOften, &counts[n]);
+  for (int n = 0; n < 4; ++n) pthread_join(ids[n], NULL);
+  printf("loaded %d\n", counts[0] + counts[1] + counts[2] + counts[3]);
+  return 0;
+}
+static long descend(long depth) {
+  volatile char space[40];
+  space[0] = (char)depth;
+  if (depth % 1000 == 0) free(malloc(7000));
+  return depth == 0 ? space[0] : descend(depth - 1) + 1;
+}
+int deepRecursion(void) {
+  printf("%ld\n", descend(60000));
+  return 0;
+}
+static volatile sig_atomic_t handled;
+static void onAlternateStack(int number) {
+  const int saved = errno;
+  char* block = malloc(7100);
+  memset(block, number, 7100);
+  free(block);
+  ++handled;
+  errno = saved;
+}
+/* A handler on a small stack of its own, from a timer; the program is in its own code, or in a heap function that the
+ * handler does not disturb. */
+int alternateStack(void) {
+  static char space[32768];
+  const stack_t stack = {.ss_sp = space, .ss_size = sizeof space};
+  struct sigaction action = {.sa_handler = onAlternateStack, .sa_flags = SA_ONSTACK};
+  sigset_t alarms;
+  sigaltstack(&stack, NULL);
+  sigaction(SIGALRM, &action, NULL);
+  sigemptyset(&alarms);
+  sigaddset(&alarms, SIGALRM);
+  ualarm(200, 200);
+  while (handled < 100) {
+    sigprocmask(SIG_BLOCK, &alarms, NULL);
+    free(malloc(7200));
+    sigprocmask(SIG_UNBLOCK, &alarms, NULL);
+  }
+  ualarm(0, 0);
+  printf("handled %d\n", handled >= 100);
+  return 0;
+}
+static sigjmp_buf back;
+static volatile sig_atomic_t mayJump;
+static void jumpBack(int number) {
+  keep = malloc(7300);
+  if (mayJump || number != SIGALRM) siglongjmp(back, 1);
+}
+/* Out of a handler, from faults and from a timer; blocks that the handler took stay behind. */
+int jumpsOutOfHandlers(void) {
+  volatile int faults = 0, alarms = 0;
+  int* volatile nowhere = NULL;
+  signal(SIGSEGV, jumpBack);
+  while (faults < 500) {
+    if (sigsetjmp(back, 1) == 0) *nowhere = 1;
+    ++faults;
+  }
+  signal(SIGALRM, jumpBack);
+  ualarm(300, 300);
+  while (alarms < 100) {
+    if (sigsetjmp(back, 1) == 0) {
+      mayJump = 1;
+      for (;;) getppid();
+    }
+    mayJump = 0;
+    ++alarms;
+  }
+  ualarm(0, 0);
+  printf("%d %d\n", faults, alarms);
+  return 0;
+}
+/* Modules whose thread-local storage must be in every thread's static block, until there is no room. */
+int staticStorage(void) {
+  char path[4200];
+  char command[9000];
+  int loaded = 0;
+  for (int n = 0; n < 40; ++n) {
+    snprintf(path, sizeof path, "./static%d.so", n);
+    snprintf(command, sizeof command, "cp %.*s_static.so %s", (int)strlen(module) - 3, module, path);
+    if (system(command) != 0) return 1;
+    loaded += dlopen(path, RTLD_NOW) != NULL;
+    remove(path);
+    free(malloc(7400));
+  }
+  printf("loaded some %d, not all %d\n", loaded > 0, loaded < 40);
+  return 0;
+}
+static pthread_barrier_t allThere;
+static void* meet(void* argument) {
+  free(malloc(7500));
+  pthread_barrier_wait(&allThere);
+  free(malloc(7501));
+  return argument;
+}
+int veryManyThreads(void) {
+  enum { COUNT = 1000 };
+  static pthread_t ids[COUNT];
+  pthread_attr_t attributes;
+  int made = 0;
+  pthread_attr_init(&attributes);
+  pthread_attr_setstacksize(&attributes, 65536);
+  pthread_barrier_init(&allThere, NULL, COUNT);
+  for (int n = 0; n < COUNT; ++n) made += pthread_create(&ids[n], &attributes, meet, NULL) == 0;
+  printf("made %d\n", made);
+  fflush(stdout);
+  for (int n = 0; n < COUNT; ++n) pthread_join(ids[n], NULL);
+  return 0;
 }
 
 int main(int argc, char** argv) {

@@ -21,17 +21,33 @@ def need(condition, text):
         raise Fault(text)
 
 
+def channel_objects(directory):
+    """Segment identifier and semaphore key of a command channel; None if there is none."""
+    try:
+        with open(os.path.join(directory, lock_file_name), "rb") as file:
+            return struct.unpack("iI", file.read(8))
+    except (OSError, struct.error):
+        return None
+
+
+def system_has(objects):
+    """Whether one of these is still there."""
+    def column(path, number):
+        with open(path, encoding="ascii") as file:
+            return [int(line.split()[number]) & 0xFFFFFFFF for line in file.readlines()[1:]]
+    segment, key = objects
+    return segment in column("/proc/sysvipc/shm", 1) or key in column("/proc/sysvipc/sem", 0)
+
+
 def remove_channel(directory):
     """What a killed process leaves of its command channel, the System V objects included."""
-    path = os.path.join(directory, lock_file_name)
-    try:
-        with open(path, "rb") as file:
-            segment, key = struct.unpack("iI", file.read(8))
-    except (OSError, struct.error):
+    objects = channel_objects(directory)
+    if objects is None:
         return
+    segment, key = objects
     for option in (["-m", str(segment)], ["-S", hex(key)]):
         subprocess.run(["ipcrm", *option], stderr=subprocess.DEVNULL, check=False)
-    os.unlink(path)
+    os.unlink(os.path.join(directory, lock_file_name))
 
 
 def read_result(path):

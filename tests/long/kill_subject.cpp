@@ -10,7 +10,7 @@
 
 #include <unistd.h>
 
-#include "host/veskhost.h"
+#include "veskrt/host.h"
 #include "veskrt/log.h"
 #include "veskrt/xml.h"
 

@@ -83,8 +83,11 @@ std::string sentenceOf(const LogRecord& record) {
     if (sentence.type == record.type) return filled(sentence.text, record);
   }
   std::string text = record.type;
-  for (const auto& [name, value] : record.arguments)
-    text += (text == record.type ? ": " : ", ") + name + " " + value;
+  const char* separator = ": ";
+  for (const auto& [name, value] : record.arguments) {
+    text.append(separator).append(name).append(" ").append(value);
+    separator = ", ";
+  }
   return text;
 }
 

@@ -200,12 +200,12 @@ private:
         const int tag = dwarf_tag(&scopes[i]);
         if (tag != DW_TAG_inlined_subroutine && tag != DW_TAG_subprogram) continue;
         const bool inlined = tag == DW_TAG_inlined_subroutine;
-        places.push_back({nameOf(&scopes[i]), {}, 0, std::move(line.file), line.line, inlined});
+        places.push_back({nameOf(&scopes[i]), {}, 0, line.file, line.line, inlined});
         if (!inlined) break;
         line = lineOfCall(unit, &scopes[i]);
       }
     }
-    if (places.empty()) places.push_back({{}, {}, 0, std::move(line.file), line.line, false});
+    if (places.empty()) places.push_back({{}, {}, 0, line.file, line.line, false});
     return places;
   }
 

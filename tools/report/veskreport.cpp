@@ -116,7 +116,7 @@ void addResultOptions(CLI::App& app, CommandLine& line) {
                                                          {"temporary", Metric::kTemporary}};
   app.add_option("RESULT", line.result, "The result file of the heap or the annotations collector")
       ->type_name("");
-  const auto add = [&app](CLI::Option* option, const char* type) {
+  const auto add = [](CLI::Option* option, const char* type) {
     option->type_name(type)->group(kResultOptions);
   };
   add(app.add_option("--html", line.page, "Write a page for a browser, in place of the table"), "OUT");

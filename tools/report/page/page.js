@@ -498,6 +498,6 @@
   }));
   byId("leaks").addEventListener("change", drawTable);
   byId("more").addEventListener("click", () => { table.most += kRowsAtOnce; drawTable(); });
-  addEventListener("resize", later(resized));
+  new ResizeObserver(later(resized)).observe(document.documentElement);
   dark.addEventListener("change", () => { drawChart(); drawFlame(); });
 })();

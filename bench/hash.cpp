@@ -147,10 +147,10 @@ void find(benchmark::State& state) {
     fill(*contestant, keys);
   }
   const size_t count = keys.again.size();
-  const size_t start =
-      count / static_cast<size_t>(state.threads()) * static_cast<size_t>(state.thread_index());
-  size_t at = start;
-  constexpr size_t kBatch = 500;
+  constexpr size_t kBatch = 500; // of which there are a whole number
+  const size_t batches = count / kBatch;
+  size_t at =
+      batches * static_cast<size_t>(state.thread_index()) / static_cast<size_t>(state.threads()) * kBatch;
   uint64_t sum = 0;
   for (auto _ : state) {
     for (size_t i = 0; i < kBatch; ++i) sum += contestant->find(keys.again[at + i]) != 0;

@@ -31,7 +31,7 @@ check() {
   grep -q '<modules>[^<]*/libc\.so' outside.xml && grep -q '<status>7</status>' outside.xml || fail "$(cat outside.xml)"
 }
 
-cmake -S "$project" -B with-cmake -DCMAKE_PREFIX_PATH="$prefix" -DCMAKE_C_COMPILER="$cc" -DCMAKE_CXX_COMPILER="$cxx" >cmake.log &&
+cmake -G Ninja -S "$project" -B with-cmake -DCMAKE_PREFIX_PATH="$prefix" -DCMAKE_C_COMPILER="$cc" -DCMAKE_CXX_COMPILER="$cxx" >cmake.log &&
   cmake --build with-cmake >>cmake.log || fail "the project with CMake: $(cat cmake.log)"
 check "$work/with-cmake/liboutside_collector.so" with-cmake/outside_host
 

@@ -9,6 +9,7 @@
 #include <atomic>
 #include <cstdint>
 #include <map>
+#include <memory>
 #include <random>
 #include <span>
 #include <string>
@@ -84,6 +85,29 @@ void addGrowth(const std::string& row, const std::string& contestant, Function f
 // Says how many items were worked on, all iterations together.
 inline void countItems(benchmark::State& state, size_t itemsOfIteration) {
   state.SetItemsProcessed(static_cast<int64_t>(state.iterations() * itemsOfIteration));
+}
+
+// ---- What every container is asked for ----
+
+template <class Contestant, class Kind>
+void fill(Contestant& contestant, const Kind& keys) {
+  for (const uint64_t key : keys.inserted) contestant.insert(key);
+}
+
+// Into an empty contestant that grows; its end is not timed.
+template <class Contestant, class Kind = Keys>
+void insertNew(benchmark::State& state) {
+  const Kind& keys = sharedKeys<Kind>(static_cast<size_t>(state.range(0)));
+  for (auto _ : state) {
+    state.PauseTiming();
+    auto contestant = std::make_unique<Contestant>();
+    state.ResumeTiming();
+    fill(*contestant, keys);
+    state.PauseTiming();
+    contestant.reset();
+    state.ResumeTiming();
+  }
+  countItems(state, keys.inserted.size());
 }
 
 // ---- The lock of the floors: the cheapest that an interface with recursive locks can promise ----

@@ -132,11 +132,6 @@ struct Direct {
   std::vector<uint64_t> places;
 };
 
-template <class Contestant>
-void fill(Contestant& contestant, const Keys& keys) {
-  for (const uint64_t key : keys.inserted) contestant.insert(key);
-}
-
 // One contestant for all threads of a run; the first thread makes and drops it.
 template <class Contestant>
 void find(benchmark::State& state) {
@@ -232,22 +227,6 @@ void eraseAndInsertFloor(benchmark::State& state) {
     }
   }
   countItems(state, kElements);
-}
-
-// Into an empty contestant that grows; its end is not timed.
-template <class Contestant>
-void insertNew(benchmark::State& state) {
-  const Keys& keys = sharedKeys<Keys>(static_cast<size_t>(state.range(0)));
-  for (auto _ : state) {
-    state.PauseTiming();
-    auto contestant = std::make_unique<Contestant>();
-    state.ResumeTiming();
-    fill(*contestant, keys);
-    state.PauseTiming();
-    contestant.reset();
-    state.ResumeTiming();
-  }
-  countItems(state, keys.inserted.size());
 }
 
 // Every entry is written once, somewhere in memory that was not touched before, under one exclusive hold and the

@@ -62,11 +62,6 @@ struct Direct {
 };
 
 template <class Contestant>
-void fill(Contestant& contestant, const Blocks& blocks) {
-  for (const uint64_t start : blocks.inserted) contestant.insert(start);
-}
-
-template <class Contestant>
 void find(benchmark::State& state) {
   const Blocks& blocks = sharedKeys<Blocks>(static_cast<size_t>(state.range(0)));
   Contestant contestant;
@@ -158,22 +153,6 @@ void eraseAndInsertFloor(benchmark::State& state) {
   countItems(state, kElements);
 }
 
-// Into an empty contestant.
-template <class Contestant>
-void insertNew(benchmark::State& state) {
-  const Blocks& blocks = sharedKeys<Blocks>(static_cast<size_t>(state.range(0)));
-  for (auto _ : state) {
-    state.PauseTiming();
-    auto contestant = std::make_unique<Contestant>();
-    state.ResumeTiming();
-    fill(*contestant, blocks);
-    state.PauseTiming();
-    contestant.reset();
-    state.ResumeTiming();
-  }
-  countItems(state, blocks.inserted.size());
-}
-
 template <class Contestant>
 void addContestant(const char* name) {
   add("ranges.find", name, find<Contestant>)->Arg(kElements);
@@ -181,7 +160,7 @@ void addContestant(const char* name) {
   add("ranges.find.many", name, find<Contestant>)->Arg(1000000);
   add("ranges.replace", name, eraseAndInsert<Contestant>);
   addGrowth("growth.ranges.find", name, find<Contestant>);
-  addGrowth("growth.ranges.insert", name, insertNew<Contestant>);
+  addGrowth("growth.ranges.insert", name, insertNew<Contestant, Blocks>);
 }
 
 } // namespace

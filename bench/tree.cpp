@@ -77,11 +77,6 @@ struct List {
 };
 
 template <class Contestant>
-void fill(Contestant& contestant, const Keys& keys) {
-  for (const uint64_t key : keys.inserted) contestant.insert(key);
-}
-
-template <class Contestant>
 void find(benchmark::State& state) {
   const Keys& keys = sharedKeys<Keys>(static_cast<size_t>(state.range(0)));
   Contestant contestant;
@@ -104,21 +99,6 @@ void findFloor(benchmark::State& state) {
   }
   benchmark::DoNotOptimize(found);
   countItems(state, kElements);
-}
-
-template <class Contestant>
-void insertNew(benchmark::State& state) {
-  const Keys& keys = sharedKeys<Keys>(static_cast<size_t>(state.range(0)));
-  for (auto _ : state) {
-    state.PauseTiming();
-    auto contestant = std::make_unique<Contestant>();
-    state.ResumeTiming();
-    fill(*contestant, keys);
-    state.PauseTiming();
-    contestant.reset();
-    state.ResumeTiming();
-  }
-  countItems(state, keys.inserted.size());
 }
 
 // As many searches as the work takes, and the allocator.

@@ -7,9 +7,15 @@
 // An operation descends to its leaf without a lock: a bucket's head above the leaves goes from null to 1 to
 // the sub-table's address and stays. Only the leaf's locks count from there on.
 //
-// What a thread that holds a leaf shared may rely on: no key is added, the bucket array stays, chains only
-// lose entries, and a chain whose bucket it holds does not change. A thread that did not find its key and
-// turns its shared hold into an exclusive one without letting go therefore need not search again.
+// Numbered leaves. Where keys are compared as numbers, and hashed by a function of the library's, nobody calls out
+// while a key is looked for. Such a leaf has an index of its keys (key_index.h), its readers announce themselves
+// (runtime/reader_slots.h), and it changes under its lock exclusive alone: whoever reads needs no bucket's lock, and
+// only waits until nobody holds that who would keep it out. A thread that has looked for a key and becomes the writer
+// without another one in between need not look again.
+//
+// Other leaves, in compare mode or under a hash function from outside, take the bucket's lock around the search. What
+// a thread may rely on that holds such a leaf shared: no key is added, the bucket array stays, chains only lose
+// entries, and a chain whose bucket it holds does not change.
 #include <algorithm>
 #include <cstddef>
 #include <cstring>
@@ -36,17 +42,6 @@ std::uint64_t hashByNextBits(Table* table, std::uint64_t key) { return key >> ta
 std::uint64_t hashByHighBits(Table* table, std::uint64_t key) { return key >> (3 * table->bucketBits); }
 
 // ---- Descent ----
-
-// Fetches the lines of the bucket while the leaf's lock is taken, which otherwise comes first. The leaf may
-// grow meanwhile: then the address means nothing, and fetching it does nothing.
-[[gnu::always_inline]] inline void prefetchBucket(const Table& leaf, std::uint64_t key) {
-  if (leaf.hashFunctions[0] != hashByKey) return;
-  const std::uint64_t index = key & (static_cast<std::uint64_t>(loadRelaxed(leaf.bucketCount)) - 1);
-  const std::uintptr_t bucket =
-      reinterpret_cast<std::uintptr_t>(loadRelaxed(leaf.buckets)) + index * sizeof(Bucket);
-  __builtin_prefetch(reinterpret_cast<const void*>(bucket));
-  __builtin_prefetch(reinterpret_cast<const void*>(bucket + offsetof(Bucket, head)));
-}
 
 Bucket& subTableBucket(Table& table, std::uint64_t key) {
   const VeskHashFunction hash = table.hashFunctions[table.level];
@@ -117,58 +112,160 @@ Table* subTableFor(Table& table, std::uint64_t key) {
   return findLink(bucket, [&](const Entry& entry) { return entry.key == key; });
 }
 
-// A leaf without locks and callbacks.
-[[gnu::always_inline]] inline bool isPlainUnlockedLeaf(const Table& table) {
-  constexpr std::uint32_t kKind = VESK_HASH_TABLE_UNLOCKED | VESK_HASH_TABLE_COMPARE_KEYS;
-  return table.level == 0 && (table.flags & kKind) == VESK_HASH_TABLE_UNLOCKED &&
-         table.hashFunctions[0] == hashByKey;
+struct Found {
+  bool there;
+  void* data;
+};
+
+[[gnu::always_inline]] inline Found found(const Entry* entry) {
+  return {entry != nullptr, entry != nullptr ? entry->data : nullptr};
 }
+
+// Searches a leaf whose keys are numbers.
+[[gnu::always_inline]] inline Found search(Table& leaf, std::uint64_t key) {
+  const KeyIndex& index = whole(leaf).index;
+  if (index.isThere()) [[likely]] {
+    void* const data = index.dataOf(key);
+    if (data != nullptr || !index.leavesOut()) [[likely]]
+      return {data != nullptr, data};
+  }
+  return found(findByNumber(chainOf(leafBucket(leaf, key)), key));
+}
+
+// Searches any leaf. A hash function from outside is not called again, the bucket being known.
+[[gnu::always_inline]] inline Found search(Table& leaf, const Bucket& bucket, std::uint64_t key) {
+  return whole(leaf).index.isThere() ? search(leaf, key) : found(find(leaf, bucket, key));
+}
+
+// ---- Numbered leaves ----
+
+[[gnu::always_inline]] inline bool isNumberedAndLocked(const Table& leaf) {
+  return whole(leaf).readers.areThere();
+}
+
+// Fetches what an operation on the key will read, while it arrives. The leaf may grow meanwhile: then the addresses
+// mean nothing, and fetching them does nothing.
+[[gnu::always_inline]] inline void prefetchKey(const Table& leaf, std::uint64_t key) {
+  whole(leaf).index.prefetch(key);
+  const std::uint64_t index = key & (static_cast<std::uint64_t>(loadRelaxed(leaf.bucketCount)) - 1);
+  const std::uintptr_t bucket =
+      reinterpret_cast<std::uintptr_t>(loadRelaxed(leaf.buckets)) + index * sizeof(Bucket);
+  __builtin_prefetch(reinterpret_cast<const void*>(bucket));
+  __builtin_prefetch(reinterpret_cast<const void*>(bucket + offsetof(Bucket, head)));
+}
+
+[[gnu::noinline]] void waitForBucketShared(Bucket& bucket) { const ScopedSharedLock pass(bucket.lock); }
+[[gnu::noinline]] void waitForBucketExclusive(Bucket& bucket) { const ScopedExclusiveLock pass(bucket.lock); }
+
+// Lets those go first who hold the bucket's lock.
+[[gnu::always_inline]] inline void giveWayShared(Bucket& bucket) {
+  if (loadRelaxed(bucket.lock.state) == shared_lock::kExclusive ||
+      loadRelaxed(bucket.lock.writerWaiting) != 0) [[unlikely]]
+    waitForBucketShared(bucket);
+}
+[[gnu::always_inline]] inline void giveWayExclusive(Bucket& bucket) {
+  if (loadRelaxed(bucket.lock.state) != shared_lock::kFree) [[unlikely]]
+    waitForBucketExclusive(bucket);
+}
+
+// The caller's hold of a numbered leaf: shared at first, announced or by the lock itself.
+class Hold {
+public:
+  [[gnu::always_inline]] Hold(Table& leaf, std::uint64_t self)
+      : leaf_(leaf), self_(self), slot_(whole(leaf).readers.tryToArrive(leaf.lock)) {
+    if (slot_ == nullptr) [[unlikely]]
+      acquireShared(leaf.lock, self);
+  }
+  [[gnu::always_inline]] void leave() {
+    if (slot_ != nullptr) [[likely]] {
+      ReaderSlots::leave(*slot_);
+    } else {
+      releaseShared(leaf_.lock, self_);
+    }
+  }
+  // Takes the leaf exclusive instead, for the caller to release. Says whether nobody else has had it so since the
+  // arrival.
+  [[gnu::always_inline]] bool becomeExclusive() {
+    bool undisturbed;
+    if (slot_ == nullptr) [[unlikely]] {
+      undisturbed = exchangeSharedForExclusive(leaf_.lock, self_);
+    } else {
+      undisturbed = compareAndSwap(leaf_.lock.state, shared_lock::kFree, shared_lock::kExclusive);
+      ReaderSlots::leave(*slot_); // a writer may be waiting for it
+      if (undisturbed) [[likely]] {
+        shared_lock::own(leaf_.lock, self_);
+      } else {
+        acquireExclusive(leaf_.lock, self_);
+      }
+    }
+    whole(leaf_).readers.waitForReaders();
+    return undisturbed;
+  }
+
+private:
+  Table& leaf_;
+  std::uint64_t self_;
+  ReaderSlot* slot_;
+};
+
+[[gnu::noinline]] void* lookUpByLock(Table& leaf, std::uint64_t key) {
+  const ScopedSharedLock holdLeaf(leaf.lock);
+  const ScopedSharedLock holdBucket(leafBucket(leaf, key).lock);
+  return search(leaf, key).data;
+}
+
+[[gnu::always_inline]] inline void* lookUpNumber(Table& leaf, std::uint64_t key) {
+  WholeTable& table = whole(leaf);
+  prefetchKey(leaf, key);
+  ReaderSlot* const slot = table.readers.tryToArrive(leaf.lock);
+  if (slot == nullptr) [[unlikely]]
+    return lookUpByLock(leaf, key);
+  giveWayShared(leafBucket(leaf, key));
+  void* const data = search(leaf, key).data;
+  ReaderSlots::leave(*slot);
+  return data;
+}
+
+// ---- Other leaves ----
 
 // Calls use(data) under the leaf's locks if the key is there.
 template <class Use>
 [[gnu::always_inline]] inline void useData(Table& leaf, std::uint64_t key, Use use) {
-  if (isUnlocked(leaf)) {
-    if (leaf.entryCount < 1) return;
-    if (const KeyIndex* const index = indexOf(leaf)) {
-      if (const KeyIndex::Slot* const slot = index->find(key)) return use(slot->data);
-      if (!index->leavesOut()) return;
-    }
-    if (const Entry* const entry = find(leaf, leafBucket(leaf, key), key)) use(entry->data);
-    return;
-  }
-  prefetchBucket(leaf, key);
-  const std::uint64_t self = nativeThreadId();
-  acquireShared(leaf.lock, self);
-  if (loadRelaxed(leaf.entryCount) >= 1) [[likely]] {
-    Bucket& bucket = leafBucket(leaf, key);
-    acquireShared(bucket.lock, self);
-    if (const Entry* const entry = find(leaf, bucket, key)) use(entry->data);
-    releaseShared(bucket.lock, self);
-  }
-  releaseShared(leaf.lock, self);
+  if (loadRelaxed(leaf.entryCount) < 1) return;
+  Bucket& bucket = leafBucket(leaf, key);
+  if (!isUnlocked(leaf)) acquireShared(bucket.lock);
+  const Found result = search(leaf, bucket, key);
+  if (result.there) use(result.data);
+  if (!isUnlocked(leaf)) releaseShared(bucket.lock);
+}
+
+template <class Use>
+void useDataOf(Table* table, std::uint64_t key, Use use) {
+  Table* const leaf = descend(table, key);
+  if (leaf == nullptr) return;
+  if (isUnlocked(*leaf)) return useData(*leaf, key, use);
+  const ScopedSharedLock hold(leaf->lock);
+  useData(*leaf, key, use);
 }
 
 [[gnu::noinline]] void* lookUpGenerally(Table* table, std::uint64_t key) {
-  Table* const leaf = descend(table, key);
   void* data = nullptr;
-  if (leaf != nullptr) useData(*leaf, key, [&](void* found) { data = found; });
+  useDataOf(table, key, [&](void* stored) { data = stored; });
   return data;
 }
 
 // ---- Growth and insertion ----
 
-// May the index know the leaf's keys? The calls of a hash or compare function from outside are counted on.
-bool isIndexable(const Table& leaf) {
-  return !comparesKeys(leaf) &&
-         (leaf.hashFunctions[0] == hashByKey || range_table::isLevelHash(leaf.hashFunctions[0]));
+// The calls of a hash or compare function from outside are counted on.
+bool isNumbered(const Table& table) {
+  return table.level == 0 && !comparesKeys(table) &&
+         (table.hashFunctions[0] == hashByKey || range_table::isLevelHash(table.hashFunctions[0]));
 }
 
 Bucket* createBuckets(const Table& table, std::uint32_t bits) {
   const std::int32_t count = 1 << bits;
   const auto bytes = static_cast<std::uint32_t>(sizeof(Bucket)) << bits;
-  const std::uint32_t category = categoryOf(table.flags);
-  auto* const buckets = hasIndexInFront(table, bits) ? KeyIndex::allocate(category, count, isIndexable(table))
-                                                     : static_cast<Bucket*>(__VeskMalloc(category, bytes, 0));
+  auto* const buckets = static_cast<Bucket*>(__VeskMalloc(categoryOf(table.flags), bytes, 0));
   if (isUnlocked(table)) {
     for (Bucket* bucket = buckets; bucket != buckets + count; ++bucket) bucket->head = nullptr;
   } else {
@@ -177,26 +274,27 @@ Bucket* createBuckets(const Table& table, std::uint32_t bits) {
   return buckets;
 }
 
-void freeBuckets(const Table& table, Bucket* buckets, std::uint32_t bits) {
-  if (hasIndexInFront(table, bits)) {
-    KeyIndex::of(buckets)->free();
-  } else {
-    __VeskFree(buckets);
-  }
+// A leaf that can grow no more does without: it may get more keys than an index has room for.
+KeyIndex createIndex(const Table& table, std::uint32_t bits) {
+  KeyIndex index;
+  if (whole(table).index.isThere() && bits < kMaxBucketBits)
+    index.allocate(categoryOf(table.flags), 1 << bits);
+  return index;
 }
 
 // Twice the buckets. The caller holds the leaf exclusive.
 [[gnu::noinline]] void grow(Table& leaf) {
   if (leaf.bucketBits == kMaxBucketBits) return;
   const std::int32_t oldCount = leaf.bucketCount;
+  // Before anything changes: a memory collector inside the allocations may remove entries.
+  KeyIndex index = createIndex(leaf, leaf.bucketBits + 1);
   Bucket* const fresh = createBuckets(leaf, leaf.bucketBits + 1);
   Bucket* const old = leaf.buckets;
-  const KeyIndex* const oldIndex = indexOf(leaf);
   leaf.bucketBits = leaf.bucketBits + 1;
   storeRelaxed(leaf.bucketCount, 2 * oldCount); // these two are read ahead of the lock
   storeRelaxed(leaf.buckets, fresh);
-  KeyIndex* const index = indexOf(leaf);
-  if (index != nullptr && oldIndex != nullptr) index->addAllOf(*oldIndex);
+  if (index.isThere()) index.addAllOf(whole(leaf).index);
+  whole(leaf).index.replaceBy(index);
   constexpr std::int32_t kAhead = 8; // entries lie anywhere: ask for them before their turn
   for (std::int32_t i = 0; i < oldCount; ++i) {
     if (i + kAhead < oldCount) __builtin_prefetch(old[i + kAhead].head);
@@ -205,11 +303,10 @@ void freeBuckets(const Table& table, Bucket* buckets, std::uint32_t bits) {
       Entry*& link = firstLink(leafBucket(leaf, entry->key));
       entry->next = link;
       link = entry;
-      if (index != nullptr && oldIndex == nullptr) index->add(entry->key, entry->data);
       entry = next;
     }
   }
-  freeBuckets(leaf, old, leaf.bucketBits - 1);
+  __VeskFree(old);
 }
 
 // Adds a key that its bucket does not have. The caller holds the leaf exclusive.
@@ -227,52 +324,133 @@ void freeBuckets(const Table& table, Bucket* buckets, std::uint32_t bits) {
   entry->data = data;
   if (!isUnlocked(leaf)) entry->lock = VeskSharedExclusiveLock{};
   link = entry;
-  if (KeyIndex* const index = indexOf(leaf)) index->add(key, data);
+  if (KeyIndex& index = whole(leaf).index; index.isThere()) index.add(key, data);
   addToCount(leaf, 1);
   noteChange(leaf);
 }
 
 void* insertUnlocked(Table& leaf, std::uint64_t key, void* data) {
   Bucket& bucket = leafBucket(leaf, key);
-  const KeyIndex* const index = indexOf(leaf);
-  if (index != nullptr) {
-    __builtin_prefetch(&bucket.head, 1);
-    if (const KeyIndex::Slot* const slot = index->find(key)) return slot->data;
-  }
-  if (index == nullptr || index->leavesOut()) {
-    if (const Entry* const entry = find(leaf, bucket, key)) return entry->data;
-  }
+  __builtin_prefetch(&bucket.head, 1);
+  const Found present = search(leaf, bucket, key);
+  if (present.there) return present.data;
   add(leaf, &bucket, key, data);
+  return data;
+}
+
+void* insertNumber(Table& leaf, std::uint64_t key, void* data) {
+  prefetchKey(leaf, key);
+  Hold hold(leaf, nativeThreadId());
+  Bucket& bucket = leafBucket(leaf, key);
+  giveWayExclusive(bucket);
+  Found present = search(leaf, key);
+  if (present.there) {
+    hold.leave();
+    return present.data;
+  }
+  if (!hold.becomeExclusive()) [[unlikely]]
+    present = search(leaf, key);
+  if (!present.there) [[likely]] {
+    add(leaf, &leafBucket(leaf, key), key, data);
+    present.data = data;
+  }
+  releaseExclusive(leaf.lock);
+  return present.data;
+}
+
+void* insertGenerally(Table& leaf, std::uint64_t key, void* data) {
+  const std::uint64_t self = nativeThreadId();
+  acquireShared(leaf.lock, self);
+  Bucket& bucket = leafBucket(leaf, key);
+  acquireExclusive(bucket.lock, self);
+  const Entry* entry = find(leaf, bucket, key);
+  if (entry != nullptr) {
+    void* const existing = entry->data;
+    releaseExclusive(bucket.lock);
+    releaseShared(leaf.lock, self);
+    return existing;
+  }
+  releaseExclusive(bucket.lock);
+
+  // In compare mode the caller's function sees both searches.
+  const bool undisturbed = exchangeSharedForExclusive(leaf.lock, self);
+  Bucket& bucketNow = leafBucket(leaf, key);
+  if (!undisturbed || comparesKeys(leaf)) [[unlikely]]
+    entry = find(leaf, bucketNow, key);
+  if (entry == nullptr) [[likely]] {
+    add(leaf, &bucketNow, key, data);
+  } else {
+    data = entry->data;
+  }
+  releaseExclusive(leaf.lock);
   return data;
 }
 
 // ---- Removal ----
 
-// Takes the entry at the link out of its chain and frees it. The count is left to the caller.
-[[gnu::always_inline]] inline void* take(Table& leaf, Entry*& link) {
+// Takes the entry at the link out of its chain. The count is left to the caller.
+[[gnu::always_inline]] inline Entry* unlink(Table& leaf, Entry*& link) {
   Entry* const entry = link;
   link = entry->next;
   noteChange(leaf);
+  return entry;
+}
+
+[[gnu::always_inline]] inline void* dataOfFreed(const Table& leaf, Entry* entry) {
   void* const data = entry->data;
   releaseKey(leaf, entry->key);
   __VeskFree(entry);
   return data;
 }
 
-void* removeUnlocked(Table& leaf, std::uint64_t key) {
-  Bucket& bucket = leafBucket(leaf, key);
-  KeyIndex* const index = indexOf(leaf);
-  KeyIndex::Slot* slot = nullptr;
-  if (index != nullptr) {
-    __builtin_prefetch(&bucket.head);
-    slot = index->find(key);
-    if (slot == nullptr && !index->leavesOut()) return nullptr;
-  }
-  Entry*& link = linkOfKey(leaf, bucket, key);
-  if (link == nullptr) return nullptr;
-  if (index != nullptr) index->forget(slot);
-  void* const data = take(leaf, link);
+// From a leaf that is unlocked or held exclusive.
+[[gnu::always_inline]] inline Entry* unlinkKey(Table& leaf, std::uint64_t key) {
+  Entry*& link = linkOfKey(leaf, leafBucket(leaf, key), key);
+  if (link == nullptr) [[unlikely]]
+    return nullptr;
+  forgetInIndex(leaf, key);
   addToCount(leaf, -1);
+  return unlink(leaf, link);
+}
+
+void* removeUnlocked(Table& leaf, std::uint64_t key) {
+  if (whole(leaf).index.isThere() && !search(leaf, key).there) return nullptr;
+  Entry* const entry = unlinkKey(leaf, key);
+  return entry != nullptr ? dataOfFreed(leaf, entry) : nullptr;
+}
+
+void* removeNumber(Table& leaf, std::uint64_t key) {
+  prefetchKey(leaf, key);
+  Hold hold(leaf, nativeThreadId());
+  Bucket& bucket = leafBucket(leaf, key);
+  giveWayExclusive(bucket);
+  if (!search(leaf, key).there) {
+    hold.leave();
+    return nullptr;
+  }
+  __builtin_prefetch(chainOf(bucket), 1);
+  hold.becomeExclusive();
+  Entry* const entry = unlinkKey(leaf, key);
+  releaseExclusive(leaf.lock);
+  return entry != nullptr ? dataOfFreed(leaf, entry) : nullptr;
+}
+
+void* removeGenerally(Table& leaf, std::uint64_t key) {
+  const std::uint64_t self = nativeThreadId();
+  acquireShared(leaf.lock, self);
+  Bucket& bucket = leafBucket(leaf, key);
+  acquireExclusive(bucket.lock, self);
+  Entry*& link = linkOfKey(leaf, bucket, key);
+  const bool found = link != nullptr;
+  void* const data = found ? dataOfFreed(leaf, unlink(leaf, link)) : nullptr;
+  releaseExclusive(bucket.lock);
+  if (!found) {
+    releaseShared(leaf.lock, self);
+    return nullptr;
+  }
+  exchangeSharedForExclusive(leaf.lock, self);
+  addToCount(leaf, -1);
+  releaseExclusive(leaf.lock);
   return data;
 }
 
@@ -303,7 +481,11 @@ VeskHashTable* __VeskCreateHashTable(uint32_t flags, const VeskHashFunction* has
                                      uint32_t category, uint32_t shift) {
   levels = std::clamp(levels, 1, VESK_HASH_TABLE_MAX_LEVELS);
   const std::uint32_t bits = startingBits(flags);
-  auto* const table = new (__VeskMalloc(category, sizeof(Table), 0)) Table{};
+  const bool locked = (flags & VESK_HASH_TABLE_UNLOCKED) == 0;
+  auto* const memory =
+      static_cast<char*>(__VeskMalloc(category, sizeof(WholeTable) + (locked ? ReaderSlots::kBytes : 0), 0));
+  auto& whole = *new (memory) WholeTable{};
+  VeskHashTable* const table = &whole.record;
   table->hashFunctions[0] = hashByKey;
   table->hashFunctions[1] = hashByNextBits;
   table->hashFunctions[2] = hashByHighBits;
@@ -317,6 +499,10 @@ VeskHashTable* __VeskCreateHashTable(uint32_t flags, const VeskHashFunction* has
   table->level = levels - 1;
   table->flags = tableFlags(flags, category, shift);
   table->buckets = createBuckets(*table, bits);
+  if (isNumbered(*table)) {
+    whole.index.allocate(category, table->bucketCount);
+    if (locked) whole.readers = ReaderSlots(memory + sizeof(WholeTable));
+  }
   return table;
 }
 
@@ -329,83 +515,43 @@ void __VeskDestroyHashTable(VeskHashTable* table, VeskHashDataRelease dataReleas
       destroyChain(*table, chainOf(*bucket), dataRelease);
     }
   }
-  freeBuckets(*table, table->buckets, table->bucketBits);
+  __VeskFree(table->buckets);
+  whole(*table).index.free();
   __VeskFree(table);
 }
 
 void* __VeskLookupHashTable(VeskHashTable* table, uint64_t key) {
-  if (!isPlainUnlockedLeaf(*table)) [[unlikely]]
-    return lookUpGenerally(table, key);
-  return dataInUnlocked(*table, key, [](std::uint64_t hash) { return hash; });
+  if (table->level > 0) [[unlikely]] {
+    table = descendThroughLevels(table, key);
+    if (table == nullptr) return nullptr;
+  }
+  if (isNumberedAndLocked(*table)) return lookUpNumber(*table, key);
+  // An entry whose data is null is looked up as if it were not there.
+  if (isUnlocked(*table) && whole(*table).index.isThere()) return whole(*table).index.dataOf(key);
+  return lookUpGenerally(table, key);
 }
 
 uint32_t __VeskLookupAndAcquireHashTableDataItem(VeskHashTable* table, uint64_t key,
                                                  VeskHashDataAcquire acquire, void** data) {
-  Table* const leaf = descend(table, key);
   void* found = nullptr;
   std::uint32_t result = 1;
-  if (leaf != nullptr) {
-    useData(*leaf, key, [&](void* stored) {
-      found = stored;
-      result = acquire(stored);
-    });
-  }
+  useDataOf(table, key, [&](void* stored) {
+    found = stored;
+    result = acquire(stored);
+  });
   *data = found;
   return result;
 }
 
 void* __VeskInsertHashTableEntry(VeskHashTable* table, uint64_t key, void* data) {
   Table& leaf = descendCreating(table, key);
-  if (isUnlocked(leaf)) return insertUnlocked(leaf, key, data);
-  prefetchBucket(leaf, key);
-  const std::uint64_t self = nativeThreadId();
-
-  acquireShared(leaf.lock, self);
-  Bucket& bucket = leafBucket(leaf, key);
-  acquireExclusive(bucket.lock, self);
-  const Entry* entry = find(leaf, bucket, key);
-  if (entry != nullptr) {
-    void* const existing = entry->data;
-    releaseExclusive(bucket.lock);
-    releaseShared(leaf.lock, self);
-    return existing;
-  }
-  releaseExclusive(bucket.lock);
-
-  // In compare mode the caller's function sees both searches.
-  const bool undisturbed = exchangeSharedForExclusive(leaf.lock, self);
-  Bucket& bucketNow = leafBucket(leaf, key);
-  if (!undisturbed || comparesKeys(leaf)) [[unlikely]]
-    entry = find(leaf, bucketNow, key);
-  if (entry == nullptr) [[likely]] {
-    add(leaf, &bucketNow, key, data);
-  } else {
-    data = entry->data;
-  }
-  releaseExclusive(leaf.lock);
-  return data;
+  if (isNumberedAndLocked(leaf)) return insertNumber(leaf, key, data);
+  return isUnlocked(leaf) ? insertUnlocked(leaf, key, data) : insertGenerally(leaf, key, data);
 }
 
 void* __VeskRemoveHashTableEntry(VeskHashTable* table, uint64_t key) {
   Table* const leaf = descend(table, key);
   if (leaf == nullptr) return nullptr;
-  if (isUnlocked(*leaf)) return removeUnlocked(*leaf, key);
-  prefetchBucket(*leaf, key);
-  const std::uint64_t self = nativeThreadId();
-
-  acquireShared(leaf->lock, self);
-  Bucket& bucket = leafBucket(*leaf, key);
-  acquireExclusive(bucket.lock, self);
-  Entry*& link = linkOfKey(*leaf, bucket, key);
-  const bool found = link != nullptr;
-  void* const data = found ? take(*leaf, link) : nullptr;
-  releaseExclusive(bucket.lock);
-  if (!found) {
-    releaseShared(leaf->lock, self);
-    return nullptr;
-  }
-  exchangeSharedForExclusive(leaf->lock, self);
-  addToCount(*leaf, -1);
-  releaseExclusive(leaf->lock);
-  return data;
+  if (isNumberedAndLocked(*leaf)) return removeNumber(*leaf, key);
+  return isUnlocked(*leaf) ? removeUnlocked(*leaf, key) : removeGenerally(*leaf, key);
 }

@@ -6,6 +6,7 @@
 
 #include "containers/key_index.h"
 #include "runtime/atomic.h"
+#include "runtime/reader_slots.h"
 #include "veskrt/hash_table.h"
 
 namespace vesk::hash_table {
@@ -29,17 +30,17 @@ std::uint64_t hashByKey(Table* table, std::uint64_t key);
   return bucketAt(leaf, hash == hashByKey ? key : hash(&leaf, key));
 }
 
-// Has a bucket array of the table an index in front?
-[[gnu::always_inline]] inline bool hasIndexInFront(const Table& table, std::uint32_t bucketBits) {
-  return bucketBits >= KeyIndex::kLeastBits && isUnlocked(table);
-}
+// The record and what the library keeps behind it.
+struct WholeTable {
+  Table record;
+  KeyIndex index;      // of a leaf whose keys are numbers
+  ReaderSlots readers; // of a locked leaf that has, or may have, an index; otherwise without slots
+};
 
-// What the leaf is searched by instead of its chains; null if by these.
-[[gnu::always_inline]] inline KeyIndex* indexOf(const Table& leaf) {
-  if (!hasIndexInFront(leaf, leaf.bucketBits)) return nullptr;
-  KeyIndex* const index = KeyIndex::of(leaf.buckets);
-  return index->hasSlots() ? index : nullptr;
+[[gnu::always_inline]] inline const WholeTable& whole(const Table& table) {
+  return reinterpret_cast<const WholeTable&>(table);
 }
+[[gnu::always_inline]] inline WholeTable& whole(Table& table) { return reinterpret_cast<WholeTable&>(table); }
 
 // The reserved head of a bucket whose sub-table is being created.
 inline void* underCreation() { return reinterpret_cast<void*>(std::uintptr_t{1}); }
@@ -79,21 +80,10 @@ inline void noteChange(Table& leaf) {
   if (leaf.scanStamp != 0 && ++leaf.scanStamp == 0) leaf.scanStamp = 1;
 }
 
-// The data under a key of an unlocked leaf whose keys are numbers, null if there is none. `hash` is the leaf's
-// own.
-template <class Hash>
-[[gnu::always_inline]] inline void* dataInUnlocked(const Table& leaf, std::uint64_t key, Hash hash) {
-  if (const KeyIndex* const index = indexOf(leaf)) {
-    const KeyIndex::Slot* const slot = index->find(key);
-    return slot != nullptr ? slot->data : nullptr;
-  }
-  const Entry* const entry = findByNumber(chainOf(bucketAt(leaf, hash(key))), key);
-  return entry != nullptr ? entry->data : nullptr;
-}
-
 // The key's entry leaves its chain.
 inline void forgetInIndex(Table& leaf, std::uint64_t key) {
-  if (KeyIndex* const index = indexOf(leaf)) index->forget(index->find(key));
+  KeyIndex& index = whole(leaf).index;
+  if (index.isThere()) index.forget(index.find(key));
 }
 
 inline void releaseKey(const Table& table, std::uint64_t key) {

@@ -117,9 +117,17 @@ private:
   std::uint32_t removed_ = 0;
 };
 
+bool tryToHold(Table& leaf) {
+  if (__VeskIsExclusiveLockAcquiredByCallingThread(&leaf.lock) ||
+      __VeskTryToAcquireExclusiveLock(&leaf.lock, 0) == 0)
+    return false;
+  if (!whole(leaf).readers.hasReaders()) return true;
+  releaseExclusive(leaf.lock);
+  return false;
+}
+
 std::uint32_t scanLeaf(Table& leaf, const Scan& scan, std::uint32_t& entryCount) {
-  if (!isUnlocked(leaf) && (__VeskIsExclusiveLockAcquiredByCallingThread(&leaf.lock) ||
-                            __VeskTryToAcquireExclusiveLock(&leaf.lock, 0) == 0)) {
+  if (!isUnlocked(leaf) && !tryToHold(leaf)) {
     entryCount += static_cast<std::uint32_t>(loadRelaxed(leaf.entryCount));
     return 0;
   }

@@ -1,64 +1,97 @@
 #include "containers/key_index.h"
 
 #include <cstring>
-#include <new>
 
 #include "veskrt/memory.h"
 
 namespace vesk::hash_table {
 
-VeskHashTableBucket* KeyIndex::allocate(std::uint32_t category, std::int32_t bucketCount, bool withSlots) {
-  const auto count = static_cast<std::uint64_t>(bucketCount);
-  const std::uint64_t bucketBytes = count * sizeof(VeskHashTableBucket); // of 2^11 and more: whole lines
-  const std::uint64_t leastBytes = (alignof(KeyIndex) - 1) + sizeof(KeyIndex) + bucketBytes;
-  std::uint64_t slots = withSlots ? count + count / 2 : 0;
-  if (leastBytes + slots * sizeof(Slot) > UINT32_MAX) slots = 0;
-  void* const block =
-      __VeskMalloc(category, static_cast<std::uint32_t>(leastBytes + slots * sizeof(Slot)), 0);
-  const std::uintptr_t start =
-      (reinterpret_cast<std::uintptr_t>(block) + alignof(KeyIndex) - 1) & ~(alignof(KeyIndex) - 1);
-  auto* const index = new (reinterpret_cast<void*>(start)) KeyIndex;
-  auto* const buckets = reinterpret_cast<VeskHashTableBucket*>(index + 1);
-  index->first_ = reinterpret_cast<Slot*>(buckets + count);
-  index->slots_ = slots;
-  index->leftOut_ = 0;
-  index->block_ = block;
-  std::memset(static_cast<void*>(index->first_), 0, slots * sizeof(Slot));
-  return buckets;
+void KeyIndex::allocate(std::uint32_t category, std::int32_t bucketCount) {
+  const auto groups = static_cast<std::uint32_t>(bucketCount) / 8 * 3;
+  const auto bytes = groups * static_cast<std::uint32_t>(sizeof(Group));
+  block_ = __VeskMalloc(category, bytes + alignof(Group) - 1, 0);
+  const auto address =
+      (reinterpret_cast<std::uintptr_t>(block_) + alignof(Group) - 1) & ~(alignof(Group) - 1);
+  std::memset(reinterpret_cast<void*>(address), 0, bytes);
+  first_ = reinterpret_cast<Group*>(address);
+  groups_ = groups;
+  leftOut_ = 0;
 }
 
-void KeyIndex::free() { __VeskFree(block_); }
+void KeyIndex::free() const { __VeskFree(block_); }
+
+KeyIndex::Slot* KeyIndex::Group::freeSlot() {
+  Slot* slot = slots;
+  while (slot->data != nullptr) ++slot;
+  return slot;
+}
+
+KeyIndex::Slot* KeyIndex::find(std::uint64_t key) const {
+  for (Group* group = homeOf(key);; group = next(group)) {
+    for (Slot& slot : group->slots) {
+      if (slot.data == nullptr) return nullptr;
+      if (slot.key == key) return &slot;
+    }
+  }
+}
 
 void KeyIndex::add(std::uint64_t key, void* data) {
   if (data == nullptr) [[unlikely]] {
     ++leftOut_;
     return;
   }
-  Slot* slot = homeOf(key);
-  while (slot->data != nullptr) slot = next(slot);
-  *slot = {key, data};
+  Group* group = homeOf(key);
+  while (group->isFull()) group = next(group);
+  *group->freeSlot() = {key, data};
 }
 
-// What stands behind the slot up to the next free one moves up if its home is not behind the hole.
+// A key that stands in one of the groups behind `full` and may move up there: it found that group full, or one
+// before it. Null if there is none.
+KeyIndex::Slot* KeyIndex::displacedFrom(const Group* full) const {
+  for (Group* group = next(full);; group = next(group)) {
+    for (Slot& slot : group->slots) {
+      if (slot.data == nullptr) return nullptr;
+      if (distance(homeOf(slot.key), group) >= distance(full, group)) return &slot;
+    }
+  }
+}
+
 void KeyIndex::forget(Slot* slot) {
   if (slot == nullptr) [[unlikely]] {
     --leftOut_;
     return;
   }
-  Slot* hole = slot;
-  for (Slot* at = next(hole); at->data != nullptr; at = next(at)) {
-    if (distance(homeOf(at->key), at) < distance(hole, at)) continue;
-    *hole = *at;
-    hole = at;
+  for (;;) {
+    Group* const group = groupOf(slot);
+    const bool wasFull = group->isFull();
+    Slot* const last = (wasFull ? group->slots + Group::kSlots : group->freeSlot()) - 1;
+    *slot = *last;
+    last->data = nullptr;
+    if (!wasFull) [[likely]]
+      return;
+    Slot* const displaced = displacedFrom(group);
+    if (displaced == nullptr) return;
+    *last = *displaced;
+    slot = displaced;
   }
-  hole->data = nullptr;
 }
 
 void KeyIndex::addAllOf(const KeyIndex& smaller) {
-  for (const Slot* slot = smaller.first_; slot != smaller.first_ + smaller.slots_; ++slot) {
-    if (slot->data != nullptr) add(slot->key, slot->data);
+  for (const Group* group = smaller.first_; group != smaller.first_ + smaller.groups_; ++group) {
+    for (const Slot& slot : group->slots) {
+      if (slot.data == nullptr) break;
+      add(slot.key, slot.data);
+    }
   }
   leftOut_ = smaller.leftOut_;
+}
+
+void KeyIndex::replaceBy(const KeyIndex& other) {
+  free();
+  storeRelaxed(first_, other.first_); // these two are read ahead of the lock
+  storeRelaxed(groups_, other.groups_);
+  leftOut_ = other.leftOut_;
+  block_ = other.block_;
 }
 
 } // namespace vesk::hash_table

@@ -47,6 +47,8 @@ T* allocate(const RangeTable& table, std::uint32_t shift, const T& value) {
   return new (__VeskMalloc(categoryOf(table), sizeof(T), shift)) T(value);
 }
 
+bool isUsable(const RangeTable* table) { return table != nullptr && table->levels != nullptr; }
+
 // Does the level keep chains, several ranges to a block?
 [[gnu::always_inline]] inline bool keepsChains(const RangeTable& table, std::uint32_t level) {
   return level == kMinLevel && (table.flags & VESK_RANGE_TABLE_ALIGNED) == 0;
@@ -59,6 +61,9 @@ std::uint32_t levelOf(const RangeTable& table, std::uint64_t length) {
 }
 
 // ---- Level tables ----
+
+// A level table of that many buckets may be too large to be cached.
+constexpr std::uint32_t kBitsBeyondCaches = 13;
 
 constexpr std::uint64_t hashShifted(std::uint64_t key, std::uint32_t shift) {
   const auto shifted = static_cast<std::uint64_t>(static_cast<std::int64_t>(key) >> shift);
@@ -112,9 +117,9 @@ void prefetchBucket(const RangeTable& table, std::uint32_t level, std::uint64_t 
 // What is stored under a block, or null.
 [[gnu::always_inline]] inline void* probe(const RangeTable& table, std::uint32_t level, std::uint64_t block) {
   if ((levelsMade(table) >> (level - kMinLevel) & 1) == 0) return nullptr;
-  return hash_table::dataInUnlocked(*levelTable(table, level), block, [=](std::uint64_t key) {
-    return hashShifted(key, level - kMinLevel + 1);
-  });
+  VeskHashTable& blocks = *levelTable(table, level);
+  const hash_table::KeyIndex& index = hash_table::whole(blocks).index;
+  return index.isThere() ? index.dataOf(block) : __VeskLookupHashTable(&blocks, block);
 }
 
 // Calls visit(level, block start, data) for everything stored.
@@ -223,19 +228,54 @@ void removeRange(const RangeTable& table, std::uint64_t start, std::uint64_t end
   });
 }
 
-const RangeTableEntry* lookUp(const RangeTable& table, std::uint64_t address) {
-  for (std::uint32_t left = levelsMade(table) & ~1u; left != 0;) {
-    const auto highest = static_cast<std::uint32_t>(std::bit_width(left)) - 1;
-    left ^= 1u << highest;
-    const std::uint32_t level = highest + kMinLevel;
-    void* const found = probe(table, level, address & ~(sizeOf(level) - 1));
-    if (found != nullptr) return static_cast<const RangeTableEntry*>(found);
-  }
-  void* const found = probe(table, kMinLevel, address & ~(kLowestSize - 1));
-  if (found == nullptr || !keepsChains(table, kMinLevel)) return static_cast<const RangeTableEntry*>(found);
-  const auto* link = static_cast<const RangeTableLink*>(found);
+// The range that holds an address, of those in the chain of its block.
+const RangeTableEntry* entryAround(const RangeTableLink* link, std::uint64_t address) {
   while (link != nullptr && (address < link->entry->start || address >= link->entry->end)) link = link->next;
   return link != nullptr ? link->entry : nullptr;
+}
+
+std::uint64_t blockAround(std::uint64_t address, std::uint32_t level) {
+  return address & ~(sizeOf(level) - 1);
+}
+
+std::uint32_t highestOf(std::uint32_t levels) {
+  return static_cast<std::uint32_t>(std::bit_width(levels)) - 1 + kMinLevel;
+}
+
+// Which level has the block of an address is a matter of chance, and a probe that is in vain would keep the next
+// one from waiting for its line of memory at the same time: all are asked for beforehand.
+void prefetchBlocks(const RangeTable& table, std::uint64_t address) {
+  for (std::uint32_t left = levelsMade(table); left != 0; left &= left - 1) {
+    const std::uint32_t level = static_cast<std::uint32_t>(std::countr_zero(left)) + kMinLevel;
+    const VeskHashTable& blocks = *levelTable(table, level);
+    if (blocks.bucketBits >= kBitsBeyondCaches)
+      hash_table::whole(blocks).index.prefetch(blockAround(address, level));
+  }
+}
+
+const RangeTableEntry* lookUp(const RangeTable& table, std::uint64_t address) {
+  prefetchBlocks(table, address);
+  for (std::uint32_t left = levelsMade(table); left != 0;) {
+    const std::uint32_t level = highestOf(left);
+    left ^= 1u << (level - kMinLevel);
+    void* const found = probe(table, level, blockAround(address, level));
+    if (found == nullptr) continue;
+    return keepsChains(table, level) ? entryAround(static_cast<const RangeTableLink*>(found), address)
+                                     : static_cast<const RangeTableEntry*>(found);
+  }
+  return nullptr;
+}
+
+[[gnu::always_inline]] inline std::uint64_t report(const RangeTableEntry* entry, std::uint64_t* start,
+                                                   std::uint64_t* end) {
+  if (start != nullptr) *start = entry != nullptr ? entry->start : 0;
+  if (end != nullptr) *end = entry != nullptr ? entry->end : 0;
+  return entry != nullptr ? entry->item : 0;
+}
+
+[[gnu::noinline]] std::uint64_t lookUpGenerally(const RangeTable* table, std::uint64_t address,
+                                                std::uint64_t* start, std::uint64_t* end) {
+  return report(isUsable(table) ? lookUp(*table, address) : nullptr, start, end);
 }
 
 // ---- Walks over an interval ----
@@ -352,8 +392,6 @@ Bounds destroyAround(const RangeTable& table, std::uint64_t address) {
   return bounds;
 }
 
-bool isUsable(const RangeTable* table) { return table != nullptr && table->levels != nullptr; }
-
 } // namespace
 
 bool isLevelHash(VeskHashFunction function) {
@@ -403,10 +441,16 @@ void __VeskInsertRangeTableEntry(RangeTable* table, uint64_t start, uint64_t end
 }
 
 uint64_t __VeskLookupRangeTable(const RangeTable* table, uint64_t address, uint64_t* start, uint64_t* end) {
-  const RangeTableEntry* const entry = isUsable(table) ? lookUp(*table, address) : nullptr;
-  if (start != nullptr) *start = entry != nullptr ? entry->start : 0;
-  if (end != nullptr) *end = entry != nullptr ? entry->end : 0;
-  return entry != nullptr ? entry->item : 0;
+  // Blocks of one size, not in chains: no register has to be saved on the way.
+  if (isUsable(table) && levelsMade(*table) > 1 && (levelsMade(*table) & (levelsMade(*table) - 1)) == 0)
+      [[likely]] {
+    const std::uint32_t level = highestOf(levelsMade(*table));
+    const vesk::hash_table::KeyIndex& index = vesk::hash_table::whole(*levelTable(*table, level)).index;
+    if (index.isThere()) [[likely]]
+      return report(static_cast<const RangeTableEntry*>(index.dataOf(blockAround(address, level))), start,
+                    end);
+  }
+  return lookUpGenerally(table, address, start, end);
 }
 
 void __VeskRemoveRangeTableEntry(RangeTable* table, uint64_t start, uint64_t end) {

@@ -1,13 +1,16 @@
 /* Sub-tables and growth of the hash table: containers/hash_table.cpp.
  *
  *   inserter   __VeskInsertHashTableEntry: descendCreating, subTableFor, createSubTable, add, grow
- *   remover    __VeskRemoveHashTableEntry: descend, take
- *   looker     __VeskLookupHashTable: descendThroughLevels, useEntry
+ *   remover    __VeskRemoveHashTableEntry: descend, unlink
+ *   looker     __VeskLookupHashTable: descendThroughLevels, search
+ *
+ * With -DNUMBERED the leaves are numbered ones: insertNumber, removeNumber, lookUpNumber. Otherwise they take the locks of
+ * their buckets: insertGenerally, removeGenerally, useData.
  *
  * A table of three levels. Its keys 0 to 2 share one leaf, key 3 has another below the same sub-table. A leaf begins with
  * one bucket; a chain is the set of its keys. Table 0 stands for null, 1 for a sub-table under creation.
  *
- * The locks of leaves and buckets are taken whole: shared_lock.pml is about what they are made of. Turning a shared hold
+ * The locks of leaves and buckets are taken whole: shared_lock.pml and reader_slots.pml are about what they are made of. Turning a shared hold
  * into an exclusive one succeeds at once only for the only reader, and then may fail all the same, since readers on their
  * way count; otherwise it lets go in between.
  *
@@ -22,6 +25,10 @@
  *
  * Searches:
  *
+ *   safety -DNUMBERED -DINSERTERS=2 -DREMOVERS=0 -DLOOKERS=1
+ *   safety -DNUMBERED -DINSERTERS=2 -DREMOVERS=1 -DLOOKERS=0
+ *   safety -DNUMBERED -DINSERTERS=1 -DREMOVERS=2 -DLOOKERS=0
+ *   liveness -DNUMBERED -DINSERTERS=2 -DREMOVERS=1 -DLOOKERS=0
  *   safety -DINSERTERS=2 -DREMOVERS=0 -DLOOKERS=1
  *   safety -DINSERTERS=2 -DREMOVERS=1 -DLOOKERS=0
  *   safety -DINSERTERS=3 -DREMOVERS=0 -DLOOKERS=0
@@ -84,6 +91,18 @@ inline exchangeSharedForExclusive(lock) {
      undisturbed = 0
   fi
 }
+
+#ifdef NUMBERED
+#define acquireBucketShared(bucket) skip
+#define releaseBucketShared(bucket) skip
+#define acquireBucketExclusive(bucket) skip
+#define releaseBucketExclusive(bucket) skip
+#else
+#define acquireBucketShared(bucket) acquireShared(bucket)
+#define releaseBucketShared(bucket) releaseShared(bucket)
+#define acquireBucketExclusive(bucket) acquireExclusive(bucket)
+#define releaseBucketExclusive(bucket) releaseExclusive(bucket)
+#endif
 
 /* ---- Descent ---- */
 
@@ -148,15 +167,15 @@ inline insert(key) {
 
   acquireShared(table[leaf]);
   bucket = bucketOf(leaf, key);
-  acquireExclusive(table[leaf].buckets[bucket]);
+  acquireBucketExclusive(table[leaf].buckets[bucket]);
   d_step { assert(inUse(leaf, bucket)); present = has(leaf, bucket, key) }
   if
   :: present ->
      data = table[leaf].data[key];
-     releaseExclusive(table[leaf].buckets[bucket]);
+     releaseBucketExclusive(table[leaf].buckets[bucket]);
      releaseShared(table[leaf])
   :: else ->
-     releaseExclusive(table[leaf].buckets[bucket]);
+     releaseBucketExclusive(table[leaf].buckets[bucket]);
      exchangeSharedForExclusive(table[leaf]);
      d_step {
        bucket = bucketOf(leaf, key);
@@ -196,6 +215,8 @@ proctype inserter(byte first) {
   finished++
 }
 
+inline unlink(key) { table[leaf].buckets[bucket].keys = table[leaf].buckets[bucket].keys & ~(1 << key) }
+
 proctype remover(byte key) {
   byte at, leaf, bucket;
   bit present, undisturbed;
@@ -207,18 +228,31 @@ proctype remover(byte key) {
      d_step { leaf = at; at = 0 }
      acquireShared(table[leaf]);
      bucket = bucketOf(leaf, key);
-     acquireExclusive(table[leaf].buckets[bucket]);
+     acquireBucketExclusive(table[leaf].buckets[bucket]);
      d_step { assert(inUse(leaf, bucket)); present = has(leaf, bucket, key) }
+#ifndef NUMBERED
      if
-     :: present -> table[leaf].buckets[bucket].keys = table[leaf].buckets[bucket].keys & ~(1 << key)
+     :: present -> unlink(key)
      :: else
      fi;
-     releaseExclusive(table[leaf].buckets[bucket]);
+#endif
+     releaseBucketExclusive(table[leaf].buckets[bucket]);
      if
      :: !present -> releaseShared(table[leaf])
      :: else ->
         exchangeSharedForExclusive(table[leaf]);
-        d_step { assert(table[leaf].entryCount > 0); table[leaf].entryCount-- }
+#ifdef NUMBERED
+        /* The chain is gone through again in any case. */
+        d_step { bucket = bucketOf(leaf, key); present = has(leaf, bucket, key) }
+        if
+        :: present -> unlink(key)
+        :: else
+        fi;
+#endif
+        if
+        :: present -> d_step { assert(table[leaf].entryCount > 0); table[leaf].entryCount-- }
+        :: else
+        fi;
         releaseExclusive(table[leaf])
      fi
   fi;
@@ -239,9 +273,9 @@ proctype looker(byte key) {
      if
      :: table[at].entryCount >= 1 ->
         bucket = bucketOf(at, key);
-        acquireShared(table[at].buckets[bucket]);
+        acquireBucketShared(table[at].buckets[bucket]);
         d_step { assert(inUse(at, bucket)); present = has(at, bucket, key) }
-        releaseShared(table[at].buckets[bucket])
+        releaseBucketShared(table[at].buckets[bucket])
      :: else
      fi;
      releaseShared(table[at])

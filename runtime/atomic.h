@@ -19,6 +19,12 @@ template <class T>
   return std::atomic_ref<T>(const_cast<T&>(word)).load(std::memory_order_acquire);
 }
 
+// In one order with every locked instruction and every other such load.
+template <class T>
+[[gnu::always_inline]] inline T loadSequential(const T& word) noexcept {
+  return std::atomic_ref<T>(const_cast<T&>(word)).load(std::memory_order_seq_cst);
+}
+
 template <class T>
 [[gnu::always_inline]] inline void storeRelaxed(T& word, std::type_identity_t<T> value) noexcept {
   std::atomic_ref<T>(word).store(value, std::memory_order_relaxed);

@@ -30,10 +30,16 @@
  * same table freely; any other must not, since it would wait for its own thread. Callbacks may use other
  * tables.
  *
- * An unlocked table takes no lock at all: the caller serialises all use of it. From 2048 buckets on, an
- * unlocked table with numbers for keys and the default hash function spends 24 bytes more for each bucket on
- * an index, and a look-up then reads one line of memory. Data of value null cannot be told from a missing
- * key. */
+ * A leaf that calls nothing from outside while it searches (keys compared as numbers, the default hash
+ * function) does with less, and behaves the same: its readers hold the table's lock in words of their own, which
+ * `lock` does not show, and wait for the holder of a bucket's lock without taking it; an entry leaves under the
+ * table's lock exclusive. Who takes the lock of such a table by hand may find a look-up still on its way.
+ *
+ * An unlocked table takes no lock at all: the caller serialises all use of it.
+ *
+ * Leaves that call nothing from outside spend 24 bytes for each bucket on an index, and a look-up reads one line
+ * of memory; locked ones spend another 1,100 bytes on their readers. Data of value null cannot be told from a
+ * missing key. */
 #ifndef VESKRT_HASH_TABLE_H
 #define VESKRT_HASH_TABLE_H
 

@@ -403,19 +403,34 @@ void* insertGenerally(Table& leaf, std::uint64_t key, void* data) {
   return data;
 }
 
-// From a leaf that is unlocked or held exclusive.
-[[gnu::always_inline]] inline Entry* unlinkKey(Table& leaf, std::uint64_t key) {
-  Entry*& link = linkOfKey(leaf, leafBucket(leaf, key), key);
+// From a numbered leaf that is unlocked or held exclusive; the key has this slot, or none.
+[[gnu::always_inline]] inline Entry* unlinkNumber(Table& leaf, std::uint64_t key, KeyIndex::Slot* slot) {
+  Entry*& link = findLink(leafBucket(leaf, key), [=](const Entry& entry) { return entry.key == key; });
   if (link == nullptr) [[unlikely]]
     return nullptr;
-  forgetInIndex(leaf, key);
+  if (KeyIndex& index = whole(leaf).index; index.isThere()) [[likely]]
+    index.forget(slot);
   addToCount(leaf, -1);
   return unlink(leaf, link);
 }
 
+// What a removal need not look for in a chain.
+[[gnu::always_inline]] inline bool isMissing(const KeyIndex& index, const KeyIndex::Slot* slot) {
+  return slot == nullptr && index.isThere() && !index.leavesOut();
+}
+
 void* removeUnlocked(Table& leaf, std::uint64_t key) {
-  if (whole(leaf).index.isThere() && !search(leaf, key).there) return nullptr;
-  Entry* const entry = unlinkKey(leaf, key);
+  Entry* entry;
+  if (whole(leaf).index.isThere()) {
+    const KeyIndex& index = whole(leaf).index;
+    __builtin_prefetch(&leafBucket(leaf, key).head);
+    KeyIndex::Slot* const slot = index.find(key);
+    entry = isMissing(index, slot) ? nullptr : unlinkNumber(leaf, key, slot);
+  } else {
+    Entry*& link = linkOfKey(leaf, leafBucket(leaf, key), key);
+    entry = link != nullptr ? unlink(leaf, link) : nullptr;
+    if (entry != nullptr) addToCount(leaf, -1);
+  }
   return entry != nullptr ? dataOfFreed(leaf, entry) : nullptr;
 }
 
@@ -424,13 +439,16 @@ void* removeNumber(Table& leaf, std::uint64_t key) {
   Hold hold(leaf, nativeThreadId());
   Bucket& bucket = leafBucket(leaf, key);
   giveWayExclusive(bucket);
-  if (!search(leaf, key).there) {
+  const KeyIndex& index = whole(leaf).index;
+  KeyIndex::Slot* slot = index.isThere() ? index.find(key) : nullptr;
+  if (isMissing(index, slot)) {
     hold.leave();
     return nullptr;
   }
   __builtin_prefetch(chainOf(bucket), 1);
-  hold.becomeExclusive();
-  Entry* const entry = unlinkKey(leaf, key);
+  if (!hold.becomeExclusive()) [[unlikely]]
+    slot = index.isThere() ? index.find(key) : nullptr;
+  Entry* const entry = unlinkNumber(leaf, key, slot);
   releaseExclusive(leaf.lock);
   return entry != nullptr ? dataOfFreed(leaf, entry) : nullptr;
 }

@@ -1,5 +1,6 @@
 #include "containers/key_index.h"
 
+#include <bit>
 #include <cstring>
 
 #include "veskrt/memory.h"
@@ -20,18 +21,12 @@ void KeyIndex::allocate(std::uint32_t category, std::int32_t bucketCount) {
 
 void KeyIndex::free() const { __VeskFree(block_); }
 
-KeyIndex::Slot* KeyIndex::Group::freeSlot() {
-  Slot* slot = slots;
-  while (slot->data != nullptr) ++slot;
-  return slot;
-}
-
 KeyIndex::Slot* KeyIndex::find(std::uint64_t key) const {
   for (Group* group = homeOf(key);; group = next(group)) {
-    for (Slot& slot : group->slots) {
-      if (slot.data == nullptr) return nullptr;
-      if (slot.key == key) return &slot;
-    }
+    const std::uint32_t found = group->slotsWith(key);
+    if (found != 0) [[likely]]
+      return &group->slots[std::countr_zero(found)];
+    if (!group->isFull()) return nullptr;
   }
 }
 
@@ -42,7 +37,7 @@ void KeyIndex::add(std::uint64_t key, void* data) {
   }
   Group* group = homeOf(key);
   while (group->isFull()) group = next(group);
-  *group->freeSlot() = {key, data};
+  group->slots[group->used()] = {key, data};
 }
 
 // A key that stands in one of the groups behind `full` and may move up there: it found that group full, or one
@@ -63,11 +58,11 @@ void KeyIndex::forget(Slot* slot) {
   }
   for (;;) {
     Group* const group = groupOf(slot);
-    const bool wasFull = group->isFull();
-    Slot* const last = (wasFull ? group->slots + Group::kSlots : group->freeSlot()) - 1;
+    const std::uint32_t used = group->used();
+    Slot* const last = &group->slots[used - 1];
     *slot = *last;
     last->data = nullptr;
-    if (!wasFull) [[likely]]
+    if (used < Group::kSlots) [[likely]]
       return;
     Slot* const displaced = displacedFrom(group);
     if (displaced == nullptr) return;

@@ -13,7 +13,7 @@
 //
 // The four keys of a group are compared without a branch. Which slot a key has is a matter of chance, and a
 // branch that is guessed wrong would make every search wait for its own line of memory, where the processor can
-// have several on their way.
+// have several on their way. The same goes for how many slots of a group are in use.
 //
 // An entry whose data is null has no slot. It is counted as left out, and while there is such an entry the
 // chains decide about keys that have no slot.
@@ -84,7 +84,20 @@ private:
     }
     // The slots in use are the first ones.
     [[gnu::always_inline]] bool isFull() const { return slots[kSlots - 1].data != nullptr; }
-    Slot* freeSlot();
+    [[gnu::always_inline]] std::uint32_t used() const {
+      std::uint32_t count = 0;
+#pragma GCC unroll 4
+      for (const Slot& slot : slots) count += slot.data != nullptr ? 1 : 0;
+      return count;
+    }
+    // One bit for each slot in use that has the key.
+    [[gnu::always_inline]] std::uint32_t slotsWith(std::uint64_t key) const {
+      std::uint32_t found = 0;
+#pragma GCC unroll 4
+      for (std::uint32_t i = 0; i < kSlots; ++i)
+        found |= static_cast<std::uint32_t>(slots[i].key == key) << i;
+      return found & ((1u << used()) - 1);
+    }
 
     Slot slots[kSlots];
   };

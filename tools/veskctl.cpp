@@ -184,6 +184,7 @@ int parseAndRun(CLI::App& app, int argc, char** argv) {
   addTimeout(app, timeout);
   app.require_subcommand(1);
   app.footer(kFooter);
+  app.set_version_flag("--version", "veskctl " VESK_VERSION);
 
   auto* sendCommand =
       app.add_subcommand("send", "CODE [P1 [P2 [P3 [P4]]]] [--payload TEXT | --payload-file FILE] [+ ...]");
@@ -195,9 +196,7 @@ int parseAndRun(CLI::App& app, int argc, char** argv) {
   heap->require_subcommand(1);
   for (const HeapCommand& command : kHeapCommands) {
     auto* sub = heap->add_subcommand(command.name, command.help);
-    sub->add_option("DIRECTORY", directory, "Where the collector has its channel")
-
-        ->required();
+    sub->add_option("DIRECTORY", directory, "Where the collector has its channel")->required();
     addTimeout(*sub, timeout);
   }
   app.parse(argc, argv);

@@ -280,6 +280,12 @@ void* nextOf(const void* chunk) {
   return next;
 }
 
+// To sort so few would cost more than it spares.
+bool isShort(const void* chain) {
+  for (int few = 0; few != 5 && chain != nullptr; ++few) chain = nextOf(chain);
+  return chain == nullptr;
+}
+
 // Chunks of several slabs on their way back. Whether an entirely free slab stays depends on what else is in its
 // row's list: all are given back as soon as one of the slabs is entirely free, that one last, and otherwise in the
 // order in which they were met. To the row this looks as if each chunk had come back for itself.
@@ -401,7 +407,10 @@ void vesk::memory::allocateChunks(std::uint32_t category, std::uint32_t size, vo
 }
 
 void vesk::memory::freeChunks(void* chain) noexcept {
-  if (chain == nullptr || nextOf(chain) == nullptr) return __VeskFree(chain);
+  if (isShort(chain)) {
+    while (chain != nullptr) __VeskFree(std::exchange(chain, nextOf(chain)));
+    return;
+  }
   Return back;
   while (chain != nullptr) {
     const std::uint64_t header = loadRelaxed(headerOf(chain));

@@ -9,7 +9,7 @@
 //   clear(chunk)                    makes a new chunk empty
 //   assign(chunk, from)             gives it what another chunk has
 //   add(chunk, position)            puts an element in; says whether it was absent
-//   count(chunk)                    the elements in a chunk
+//   count(chunk)                    the elements in a chunk, or in one of another kind that unite takes
 //   unite(chunk, from)              puts in what another chunk has
 //   intersect(chunk, a, b)          gives it what two chunks share; either may be the chunk itself
 //   subtract(chunk, from)           takes out what another chunk has
@@ -20,7 +20,9 @@
 #include <cstdint>
 #include <cstring>
 #include <type_traits>
+#include <utility>
 
+#include "memory/chunks.h"
 #include "veskrt/memory.h"
 #include "veskrt/set.h"
 
@@ -69,14 +71,22 @@ public:
     *link_ = &added;
     link_ = &added.next;
   }
-  void free() noexcept {
-    Chunk* const freed = chunk_;
-    *link_ = chunk_ = freed->next;
-    __VeskFree(freed);
+  // Takes the chunk out of the chain.
+  Chunk& takeOut() noexcept {
+    Chunk* const out = chunk_;
+    *link_ = chunk_ = out->next;
+    return *out;
   }
   // Frees everything from here on.
   void cut() noexcept {
-    while (chunk_ != nullptr) free();
+    *link_ = nullptr;
+    memory::freeChunks(std::exchange(chunk_, nullptr));
+  }
+  // For a chunk that is put in here later: the word that will point to it.
+  Chunk*& link() const noexcept { return *link_; }
+  // Goes behind what has been put in here since.
+  void catchUp() noexcept {
+    while (*link_ != chunk_) link_ = &(*link_)->next;
   }
 
 private:
@@ -110,8 +120,8 @@ inline bool isAt(const At& at, std::uint32_t base) noexcept {
 
 // ---- The merge ----
 
-// What becomes of the left chunk and of the merge once a base has been dealt with.
-enum class Then { kGoOn, kFreeLeft, kStop };
+// What becomes of the merge once a base has been dealt with.
+enum class Then { kGoOn, kGoOnWithoutLeft, kStop }; // in the second case the left chunk has been taken out
 
 // In place of a visitor for bases that do not matter. What is left of a chain of such when the other has
 // ended is not read.
@@ -123,8 +133,8 @@ struct Skip {
 };
 
 // Goes through two chains in step and visits every base that either has, in ascending order: onlyLeft(chunk),
-// onlyRight(place in the left chain, chunk) or both(chunk, chunk). Says whether it came to the end, no
-// visitor having stopped it. This is the only loop over two chains; their ends are checked nowhere else.
+// onlyRight(place in the left chain, chunk) or both(place in the left chain, chunk). Says whether it came to the
+// end, no visitor having stopped it. This is the only loop that compares the bases of two chains.
 template <class Left, class RightChunk, class OnlyLeft, class OnlyRight, class Both>
 inline bool merge(Left left, const RightChunk* rightChain, OnlyLeft onlyLeft, OnlyRight onlyRight,
                   Both both) noexcept {
@@ -137,16 +147,9 @@ inline bool merge(Left left, const RightChunk* rightChain, OnlyLeft onlyLeft, On
       if (onlyRight(left, *right.chunk()) == Then::kStop) return false;
       right.pass();
     } else {
-      const Then then = both(*left.chunk(), *right.chunk());
+      const Then then = both(left, *right.chunk());
       if (then == Then::kStop) return false;
-      if constexpr (requires { left.free(); }) {
-        if (then == Then::kFreeLeft)
-          left.free();
-        else
-          left.pass();
-      } else {
-        left.pass();
-      }
+      if (then == Then::kGoOn) left.pass();
       right.pass();
     }
   }
@@ -165,6 +168,9 @@ inline bool merge(Left left, const RightChunk* rightChain, OnlyLeft onlyLeft, On
 
 // ---- New chunks ----
 
+// Chunks are allocated in batches of this size; larger ones were no faster.
+inline constexpr std::size_t kBatch = 16;
+
 // A chunk with its base alone. The caller gives it an element: no chain keeps an empty chunk.
 template <class Kind>
 inline typename Kind::Chunk& allocateChunk(const typename Kind::Header& set, std::uint32_t base) noexcept {
@@ -174,32 +180,46 @@ inline typename Kind::Chunk& allocateChunk(const typename Kind::Header& set, std
   return chunk;
 }
 
-// Writes a set anew over the chunks it has, in their order; allocates when they run short and frees what is
-// left over. The set may be an operand that is being read, as long as writing does not overtake reading.
-template <class Kind>
-class Rewrite {
+// Chunks that a chain will get, allocated and put in a batch at a time. No chunk is taken in advance that may turn
+// out not to be needed: other threads might go short of it.
+template <class Kind, class Source>
+class Insertions {
 public:
-  explicit Rewrite(typename Kind::Header& set) noexcept : set_(set), at_(set.chunks) {}
+  using Chunk = typename Kind::Chunk;
 
-  // The next chunk, for the caller to fill.
-  typename Kind::Chunk& next(std::uint32_t base) noexcept {
-    if (typename Kind::Chunk* const reused = at_.chunk(); reused != nullptr) {
-      at_.pass();
-      reused->base = base;
-      return *reused;
+  explicit Insertions(std::uint32_t category) noexcept : category_(category) {}
+
+  // A chunk with what `from` has, in front of where this place is now.
+  void add(Place<Chunk>& at, const Source& from) noexcept {
+    if (count_ == kBatch) {
+      flush();
+      at.catchUp();
     }
-    auto& added = allocateChunk<Kind>(set_, base);
-    at_.insert(added);
-    return added;
+    wanted_[count_++] = {&at.link(), &from};
   }
-  void finish(std::uint32_t count) noexcept {
-    at_.cut();
-    set_.count = count;
+  void flush() noexcept {
+    void* added[kBatch];
+    memory::allocateChunks(category_, sizeof(Chunk), added, count_);
+    // From the last one on: of several for one place, the later ones are behind the earlier ones.
+    while (count_ != 0) {
+      const auto [link, from] = wanted_[--count_];
+      auto& chunk = *static_cast<Chunk*>(added[count_]);
+      chunk.base = from->base;
+      Kind::assign(chunk, *from);
+      chunk.next = *link;
+      *link = &chunk;
+    }
   }
 
 private:
-  typename Kind::Header& set_;
-  Place<typename Kind::Chunk> at_;
+  struct Wanted {
+    Chunk** link;
+    const Source* from;
+  };
+
+  std::uint32_t category_;
+  std::size_t count_ = 0;
+  Wanted wanted_[kBatch];
 };
 
 // ---- One element ----
@@ -222,7 +242,7 @@ inline void remove(typename Kind::Header& set, std::uint32_t element, TakeOut ta
   Place at = seek(Place(set.chunks), baseOf(element));
   if (!isAt(at, baseOf(element)) || !takeOut(*at.chunk(), positionOf(element))) return;
   set.count = set.count - 1;
-  if (presence(*at.chunk()) == 0) at.free();
+  if (presence(*at.chunk()) == 0) __VeskFree(&at.takeOut());
 }
 
 // The chunk that would hold the element; null when there is none.
@@ -240,14 +260,32 @@ inline void empty(Header& set) noexcept {
   set.count = 0;
 }
 
+// Writes over the chunks that dst has, in their order.
 template <class Kind>
 inline void copy(typename Kind::Header& dst, const typename Kind::Header& src) noexcept {
   if (&dst == &src) return;
-  Rewrite<Kind> out(dst);
-  for (ReadOnlyPlace from(src.chunks); from.chunk() != nullptr; from.pass()) {
-    Kind::assign(out.next(from.chunk()->base), *from.chunk());
+  using Chunk = typename Kind::Chunk;
+  Place to(dst.chunks);
+  ReadOnlyPlace from(src.chunks);
+  const auto write = [&](Chunk& chunk) {
+    chunk.base = from.chunk()->base;
+    Kind::assign(chunk, *from.chunk());
+    from.pass();
+  };
+  for (; to.chunk() != nullptr && from.chunk() != nullptr; to.pass()) write(*to.chunk());
+  to.cut();
+  while (from.chunk() != nullptr) {
+    std::size_t count = 0;
+    for (ReadOnlyPlace ahead = from; ahead.chunk() != nullptr && count != kBatch; ahead.pass()) ++count;
+    void* added[kBatch];
+    memory::allocateChunks(dst.category, sizeof(Chunk), added, count);
+    for (std::size_t i = 0; i != count; ++i) {
+      auto& chunk = *static_cast<Chunk*>(added[i]);
+      write(chunk);
+      to.insert(chunk);
+    }
   }
-  out.finish(src.count);
+  dst.count = src.count;
 }
 
 template <class Header>
@@ -265,51 +303,61 @@ inline bool equal(const typename Kind::Header& a, const typename Kind::Header& b
   if (&a == &b) return true;
   if (a.count != b.count) return false;
   const auto stop = [](auto&&...) { return Then::kStop; };
-  return merge(ReadOnlyPlace(a.chunks), b.chunks, stop, stop, [](const auto& chunk, const auto& other) {
-    return Kind::equal(chunk, other) ? Then::kGoOn : Then::kStop;
+  return merge(ReadOnlyPlace(a.chunks), b.chunks, stop, stop, [](const auto& at, const auto& other) {
+    return Kind::equal(*at.chunk(), other) ? Then::kGoOn : Then::kStop;
   });
 }
 
 // src may be of another kind. The count is taken anew.
 template <class Kind, class Source>
 inline void unite(typename Kind::Header& dst, const Source& src) noexcept {
+  using SourceChunk = std::remove_pointer_t<decltype(src.chunks)>;
   std::uint32_t count = 0;
+  Insertions<Kind, SourceChunk> insertions(dst.category);
+  const auto keep = [&](const auto& chunk) {
+    count += Kind::count(chunk);
+    return Then::kGoOn;
+  };
   merge(
-      Place(dst.chunks), src.chunks,
-      [&](const auto& chunk) {
-        count += Kind::count(chunk);
+      Place(dst.chunks), src.chunks, keep,
+      [&](auto& at, const SourceChunk& from) {
+        insertions.add(at, from);
+        count += Kind::count(from);
         return Then::kGoOn;
       },
-      [&](auto& at, const auto& from) {
-        auto& added = allocateChunk<Kind>(dst, from.base);
-        Kind::assign(added, from);
-        at.insert(added);
-        count += Kind::count(added);
-        return Then::kGoOn;
-      },
-      [&](auto& chunk, const auto& from) {
-        Kind::unite(chunk, from);
-        count += Kind::count(chunk);
-        return Then::kGoOn;
+      [&](auto& at, const SourceChunk& from) {
+        Kind::unite(*at.chunk(), from);
+        return keep(*at.chunk());
       });
+  insertions.flush();
   dst.count = count;
 }
 
+// Writes over the chunks that dst has, in their order. dst may be a or b: writing does not overtake reading.
 template <class Kind>
 inline void intersect(typename Kind::Header& dst, const typename Kind::Header& a,
                       const typename Kind::Header& b) noexcept {
   if (&a == &b) return copy<Kind>(dst, a);
   std::uint32_t count = 0;
-  Rewrite<Kind> out(dst);
-  merge(ReadOnlyPlace(a.chunks), b.chunks, Skip{}, Skip{}, [&](const auto& chunk, const auto& other) {
-    const std::uint64_t shared = presence(chunk) & presence(other);
-    if (shared != 0) {
-      Kind::intersect(out.next(chunk.base), chunk, other);
-      count += countBits(shared);
+  Place to(dst.chunks);
+  merge(ReadOnlyPlace(a.chunks), b.chunks, Skip{}, Skip{}, [&](const auto& at, const auto& other) {
+    const std::uint64_t shared = presence(*at.chunk()) & presence(other);
+    if (shared == 0) return Then::kGoOn;
+    const std::uint32_t base = other.base;
+    typename Kind::Chunk* result = to.chunk();
+    if (result != nullptr) {
+      to.pass();
+      result->base = base;
+    } else {
+      result = &allocateChunk<Kind>(dst, base);
+      to.insert(*result);
     }
+    Kind::intersect(*result, *at.chunk(), other);
+    count += countBits(shared);
     return Then::kGoOn;
   });
-  out.finish(count);
+  to.cut();
+  dst.count = count;
 }
 
 // The count is taken anew.
@@ -317,14 +365,21 @@ template <class Kind>
 inline void subtract(typename Kind::Header& dst, const typename Kind::Header& src) noexcept {
   if (&dst == &src) return empty(dst);
   std::uint32_t count = 0;
+  typename Kind::Chunk* emptied;
+  typename Kind::Chunk** lastLink = &emptied;
   const auto keep = [&](const auto& chunk) {
     count += Kind::count(chunk);
     return Then::kGoOn;
   };
-  merge(Place(dst.chunks), src.chunks, keep, Skip{}, [&](auto& chunk, const auto& from) {
-    Kind::subtract(chunk, from);
-    return presence(chunk) != 0 ? keep(chunk) : Then::kFreeLeft;
+  merge(Place(dst.chunks), src.chunks, keep, Skip{}, [&](auto& at, const auto& from) {
+    Kind::subtract(*at.chunk(), from);
+    if (presence(*at.chunk()) != 0) return keep(*at.chunk());
+    *lastLink = &at.takeOut();
+    lastLink = &(*lastLink)->next;
+    return Then::kGoOnWithoutLeft;
   });
+  *lastLink = nullptr;
+  memory::freeChunks(emptied);
   dst.count = count;
 }
 

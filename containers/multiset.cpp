@@ -45,6 +45,7 @@ struct MultiSetKind {
     return false;
   }
   static std::uint32_t count(const MultiSetChunk& chunk) noexcept { return countBits(nonZero(chunk)); }
+  static std::uint32_t count(const SetChunk& chunk) noexcept { return countBits(presence(chunk)); }
   static void unite(MultiSetChunk& chunk, const MultiSetChunk& from) noexcept {
     setPresence(chunk, presence(chunk) | presence(from));
     combine(chunk, chunk, from, [](std::uint32_t mine, std::uint32_t other) { return mine + other; });

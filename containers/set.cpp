@@ -81,16 +81,16 @@ int32_t __VeskCompareSets(const Set* a, const Set* b) {
 int __VeskAreSetsDisjoint(const Set* a, const Set* b) {
   if (a == b) return 0;
   return merge(ReadOnlyPlace(a->chunks), b->chunks, Skip{}, Skip{},
-               [](const SetChunk& chunk, const SetChunk& other) {
-                 return (presence(chunk) & presence(other)) == 0 ? Then::kGoOn : Then::kStop;
+               [](const auto& at, const SetChunk& other) {
+                 return (presence(*at.chunk()) & presence(other)) == 0 ? Then::kGoOn : Then::kStop;
                });
 }
 
 int __VeskIsASubsetOfSet(const Set* a, const Set* b) {
   return merge(
       ReadOnlyPlace(a->chunks), b->chunks, [](const SetChunk&) { return Then::kStop; }, Skip{},
-      [](const SetChunk& chunk, const SetChunk& other) {
-        return (presence(chunk) & ~presence(other)) == 0 ? Then::kGoOn : Then::kStop;
+      [](const auto& at, const SetChunk& other) {
+        return (presence(*at.chunk()) & ~presence(other)) == 0 ? Then::kGoOn : Then::kStop;
       });
 }
 

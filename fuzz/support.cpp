@@ -3,11 +3,14 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
+#include <utility>
 
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "memory/chunks.h"
 #include "veskrt/log.h"
 #include "veskrt/memory.h"
 #include "veskrt/runtime.h"
@@ -33,6 +36,19 @@ void* __VeskMalloc(uint32_t, uint32_t size, uint32_t) {
 void __VeskFree(void* block) {
   if (block != nullptr) --blocks;
   std::free(block);
+}
+
+void vesk::memory::allocateChunks(std::uint32_t category, std::uint32_t size, void** chunks,
+                                  std::size_t count) noexcept {
+  for (std::size_t i = 0; i < count; ++i) chunks[i] = __VeskMalloc(category, size, 0);
+}
+
+void vesk::memory::freeChunks(void* chain) noexcept {
+  while (chain != nullptr) {
+    void* next;
+    std::memcpy(&next, chain, sizeof next);
+    __VeskFree(std::exchange(chain, next));
+  }
 }
 
 namespace fuzz {

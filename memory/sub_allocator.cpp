@@ -11,10 +11,15 @@
 //
 // A slab leaves its row's list when its last chunk is taken and returns with the first that comes back. An
 // entirely free slab goes back to the host, unless it is the only one that its row has. Taking or giving back
-// a chunk is one lock and a few moves; everything else is out of line.
+// a chunk is one lock and a few moves; everything else is out of line. Many at once (chunks.h) share the lock.
+#include <algorithm>
+#include <bit>
 #include <cstddef>
+#include <cstring>
 #include <new>
+#include <utility>
 
+#include "memory/chunks.h"
 #include "memory/memory.h"
 #include "runtime/once_guard.h"
 #include "veskrt/log.h"
@@ -65,7 +70,13 @@ constinit Row* rows = nullptr;
 
 std::uint64_t& headerOf(void* pointer) { return static_cast<std::uint64_t*>(pointer)[-1]; }
 
-[[gnu::always_inline]] inline Row& rowOf(Row* table, std::uint32_t category, std::uint32_t sizeClass) {
+std::uint32_t sizeClassOf(std::uint32_t size) {
+  return static_cast<std::uint32_t>((std::uint64_t{size} + 23) >> 4);
+}
+
+// A category that does not exist becomes one that does.
+[[gnu::always_inline]] inline Row& rowOf(Row* table, std::uint32_t& category, std::uint32_t sizeClass) {
+  category = category < VESK_MAX_MEMORY_CATEGORIES ? category : VESK_MEMORY_CATEGORY_MISC;
   return table[category * kClasses + (sizeClass - 1)];
 }
 
@@ -101,19 +112,40 @@ constexpr auto pushAndTakeChunk = [](Row* row, Slab* slab) {
   return takeChunk(row);
 };
 
-// Returns the slab if it is now entirely free and no longer in the row's list.
-constexpr auto putChunk = [](Row* row, Slab* slab, std::uint64_t* chunk) -> Slab* {
-  storeRelaxed(*chunk, reinterpret_cast<std::uint64_t>(slab->freeHead) | kFreeMark);
-  slab->freeHead = chunk;
-  const std::uint32_t freeCount = ++slab->freeCount;
-  if (freeCount == slab->chunkTotal) [[unlikely]] {
-    if (row->head == slab && slab->next == nullptr) return nullptr; // a row keeps its last slab
-    unlink(*row, slab);
-    return slab;
+// takeChunk, up to `wanted` times. Returns how often: less only when the row ran empty.
+constexpr auto takeChunks = [](Row* row, void** taken, std::size_t wanted) -> std::size_t {
+  std::size_t count = 0;
+  while (count < wanted && row->head != nullptr) {
+    Slab* const slab = row->head;
+    std::uint64_t* chunk = slab->freeHead;
+    const std::size_t end = std::min<std::size_t>(wanted, count + slab->freeCount);
+    slab->freeCount -= static_cast<std::uint32_t>(end - count);
+    for (; count < end; ++count) {
+      taken[count] = chunk + 1;
+      auto* const next = reinterpret_cast<std::uint64_t*>(*chunk ^ kFreeMark);
+      storeRelaxed(*chunk, reinterpret_cast<std::uint64_t>(slab));
+      chunk = next;
+    }
+    slab->freeHead = chunk;
+    if (slab->freeCount == 0) unlink(*row, slab);
   }
-  if (freeCount == 1) [[unlikely]]
+  return count;
+};
+
+// Puts back `count` chunks, from `first` to `last`, whose headers are those of a free list, but for the last one's.
+// Returns the slab if it is now entirely free and no longer in the row's list.
+constexpr auto putChunks = [](Row* row, Slab* slab, std::uint64_t* first, std::uint64_t* last,
+                              std::uint32_t count) -> Slab* {
+  storeRelaxed(*last, reinterpret_cast<std::uint64_t>(slab->freeHead) | kFreeMark);
+  slab->freeHead = first;
+  if (slab->freeCount == 0) [[unlikely]]
     push(*row, slab); // it was full, and therefore in no list
-  return nullptr;
+  slab->freeCount += count;
+  if (slab->freeCount != slab->chunkTotal) [[likely]]
+    return nullptr;
+  if (row->head == slab && slab->next == nullptr) return nullptr; // a row keeps its last slab
+  unlink(*row, slab);
+  return slab;
 };
 
 // ---- Slabs and large blocks ----
@@ -194,7 +226,7 @@ Slab* makeSlab(Row& row, std::uint32_t category, std::uint32_t sizeClass, std::u
 }
 
 [[gnu::noinline]] void freeIntoBusyRow(Row& row, Slab* slab, std::uint64_t* chunk) {
-  Slab* const emptied = briefly(row.lock, putChunk, &row, slab, chunk);
+  Slab* const emptied = briefly(row.lock, putChunks, &row, slab, chunk, chunk, 1u);
   if (emptied != nullptr) releaseSlab(row, emptied);
 }
 
@@ -208,6 +240,115 @@ Slab* makeSlab(Row& row, std::uint32_t category, std::uint32_t sizeClass, std::u
   }
 }
 
+// ---- Many chunks going back ----
+
+// Chunks of one slab on their way back. Their units sort them by address, which a chain that grew and shrank many
+// times no longer is: one that is made of such chunks would miss the cache with each link.
+struct Returned {
+  static constexpr std::uint32_t kWords = 64;
+
+  Slab* slab;
+  std::uint32_t count;
+  std::uint32_t missing;       // chunks of the slab that were in use when it was first met
+  std::uint64_t touched;       // bit w is set where units[w] is not 0
+  std::uint64_t units[kWords]; // bit u is set where a chunk begins u units behind the slab's first byte
+};
+static_assert(Returned::kWords * 64 * kUnit == 1 << 16); // a slab of shift 0
+
+void giveBack(Returned& from) {
+  Slab* const slab = from.slab;
+  std::uint64_t first = 0;
+  std::uint64_t* last = &first;
+  for (; from.touched != 0; from.touched &= from.touched - 1) {
+    const int word = std::countr_zero(from.touched);
+    for (std::uint64_t left = std::exchange(from.units[word], 0); left != 0; left &= left - 1) {
+      const auto unit = static_cast<std::size_t>(64 * word + std::countr_zero(left));
+      auto* const chunk = reinterpret_cast<std::uint64_t*>(slab) + unit * (kUnit / sizeof(std::uint64_t));
+      storeRelaxed(*last, reinterpret_cast<std::uint64_t>(chunk) | kFreeMark);
+      last = chunk;
+    }
+  }
+  Row& row = *slab->row;
+  auto* const head = reinterpret_cast<std::uint64_t*>(first ^ kFreeMark);
+  Slab* const emptied = briefly(row.lock, putChunks, &row, slab, head, last, from.count);
+  if (emptied != nullptr) releaseSlab(row, emptied);
+}
+
+void* nextOf(const void* chunk) {
+  void* next;
+  std::memcpy(&next, chunk, sizeof next);
+  return next;
+}
+
+// To sort so few would cost more than it spares.
+bool isShort(const void* chain) {
+  for (int few = 0; few != 5 && chain != nullptr; ++few) chain = nextOf(chain);
+  return chain == nullptr;
+}
+
+// Chunks of several slabs on their way back. Whether an entirely free slab stays depends on what else is in its
+// row's list: all are given back as soon as one of the slabs is entirely free, that one last, and otherwise in the
+// order in which they were met. To the row this looks as if each chunk had come back for itself.
+class Return {
+public:
+  Return() noexcept = default; // and leaves alone what is not used
+  Return(const Return&) = delete;
+  Return& operator=(const Return&) = delete;
+  ~Return() { giveAll(); }
+
+  // Takes the chunks of this slab that the chain begins with; returns what is behind them.
+  void* add(void* chain, Slab* slab) {
+    Returned& to = find(slab);
+    const auto header = reinterpret_cast<std::uint64_t>(slab);
+    std::uint32_t count = to.count;
+    std::uint64_t touched = to.touched;
+    do {
+      const std::size_t unit = (reinterpret_cast<std::uintptr_t>(&headerOf(chain)) - header) / kUnit;
+      to.units[unit / 64] |= std::uint64_t{1} << unit % 64;
+      touched |= std::uint64_t{1} << unit / 64;
+      ++count;
+      chain = nextOf(chain);
+    } while (chain != nullptr && loadRelaxed(headerOf(chain)) == header);
+    to.count = count;
+    to.touched = touched;
+    if (count == to.missing) giveAll(&to);
+    return chain;
+  }
+
+  void giveAll(Returned* last = nullptr) {
+    for (Returned* each = returned_; each != returned_ + used_; ++each) {
+      if (each != last) giveBack(*each);
+    }
+    if (last != nullptr) giveBack(*last);
+    used_ = 0;
+  }
+
+private:
+  static constexpr std::uint32_t kSlabs = 4;
+
+  Returned& find(Slab* slab) {
+    for (Returned* each = returned_; each != returned_ + used_; ++each) {
+      if (each->slab == slab) return *each;
+    }
+    if (used_ == kSlabs) giveAll();
+    Returned& added = returned_[used_++];
+    if (used_ > clean_) {
+      clean_ = used_;
+      added.touched = 0;
+      for (std::uint64_t& word : added.units) word = 0;
+    }
+    added.slab = slab;
+    added.count = 0;
+    constexpr auto inUse = [](Slab* of) { return of->chunkTotal - of->freeCount; };
+    added.missing = briefly(slab->row->lock, inUse, slab);
+    return added;
+  }
+
+  std::uint32_t used_ = 0;
+  std::uint32_t clean_ = 0;
+  Returned returned_[kSlabs];
+};
+
 } // namespace
 
 } // namespace vesk::memory
@@ -219,13 +360,12 @@ using namespace vesk::memory;
 // need not be waited for by the next locked instruction.
 
 void* __VeskMalloc(uint32_t category, uint32_t size, uint32_t shift) {
-  const auto sizeClass = static_cast<std::uint32_t>((std::uint64_t{size} + 23) >> 4);
+  const std::uint32_t sizeClass = sizeClassOf(size);
   Row* const table = loadAcquire(rows);
   if (table == nullptr) [[unlikely]]
     endWithoutMemory();
   if (sizeClass > kClasses) [[unlikely]]
     return allocateLarge(size);
-  category = category < VESK_MAX_MEMORY_CATEGORIES ? category : VESK_MEMORY_CATEGORY_MISC;
   Row& row = rowOf(table, category, sizeClass);
   void* pointer;
   if (!tryBriefly(row.lock, [&] { pointer = takeChunk(&row); })) [[unlikely]]
@@ -246,10 +386,41 @@ void __VeskFree(void* pointer) {
   auto* const slab = reinterpret_cast<Slab*>(header);
   Row& row = *slab->row;
   Slab* emptied;
-  if (!tryBriefly(row.lock, [&] { emptied = putChunk(&row, slab, chunk); })) [[unlikely]]
+  if (!tryBriefly(row.lock, [&] { emptied = putChunks(&row, slab, chunk, chunk, 1); })) [[unlikely]]
     return freeIntoBusyRow(row, slab, chunk);
   if (emptied != nullptr) [[unlikely]]
     releaseSlab(row, emptied);
+}
+
+void vesk::memory::allocateChunks(std::uint32_t category, std::uint32_t size, void** chunks,
+                                  std::size_t count) noexcept {
+  if (count == 0) return;
+  Row* const table = loadAcquire(rows);
+  if (table == nullptr) endWithoutMemory();
+  const std::uint32_t sizeClass = sizeClassOf(size);
+  Row& row = rowOf(table, category, sizeClass);
+  std::size_t taken = 0;
+  while (taken != count) {
+    taken += briefly(row.lock, takeChunks, &row, chunks + taken, count - taken);
+    if (taken != count) chunks[taken++] = allocateFromNewSlab(row, category, sizeClass, 0);
+  }
+}
+
+void vesk::memory::freeChunks(void* chain) noexcept {
+  if (isShort(chain)) {
+    while (chain != nullptr) __VeskFree(std::exchange(chain, nextOf(chain)));
+    return;
+  }
+  Return back;
+  while (chain != nullptr) {
+    const std::uint64_t header = loadRelaxed(headerOf(chain));
+    if ((header & kFreeMark) == 0 && reinterpret_cast<Slab*>(header)->shift == 0) {
+      chain = back.add(chain, reinterpret_cast<Slab*>(header));
+    } else {
+      back.giveAll();
+      __VeskFree(std::exchange(chain, nextOf(chain)));
+    }
+  }
 }
 
 void __VeskInitializeSubAllocator(VeskHostAllocateProc allocate, VeskHostFreeProc release) {

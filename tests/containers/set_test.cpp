@@ -1,10 +1,13 @@
 #include "veskrt/set.h"
 
 #include <algorithm>
+#include <atomic>
 #include <functional>
 #include <map>
+#include <mutex>
 #include <random>
 #include <ranges>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -176,7 +179,105 @@ void compareWithModel() {
   for (int i = 0; i < 3; ++i) EXPECT_EQ(test::liveChunks(categories[i], sizeof(*Header::chunks)), 0);
 }
 
+int64_t allocated(uint32_t category) {
+  VeskMemoryCategoryInfo info = {};
+  __VeskGetMemoryInfoByCategory(category, &info);
+  return info.allocated;
+}
+
 } // namespace
 
 TEST(Set, AgreesWithAModel) { compareWithModel<Set>(); }
 TEST(MultiSet, AgreesWithAModel) { compareWithModel<MultiSet>(); }
+
+// Whole chains come and go in batches. Slabs must not notice: they are taken from the host and given back as if
+// every chunk had come and gone for itself.
+TEST(MultiSet, SlabsComeAndGoAsForSingleChunks) {
+  test::startRuntime();
+  __VeskEnableMemoryStatisticsCollection();
+  const uint32_t category = __VeskRegisterMemoryCategory("whole"),
+                 other = __VeskRegisterMemoryCategory("single");
+  constexpr uint32_t kSets = 8, kChunks = 300, kSlab = 227; // chunks of a slab
+  for (uint32_t seed = 0; seed < 8 && !HasFailure(); ++seed) {
+    std::mt19937 random(seed);
+    MultiSet whole[kSets] = {}, single[kSets] = {};
+    Model models[kSets];
+    for (uint32_t i = 0; i < kSets; ++i) whole[i].category = category, single[i].category = other;
+    const auto add = [&](uint32_t i, uint32_t e) {
+      if (models[i].insert({e, 1}).second) __VeskAddAnElementToMultiSet(&single[i], e);
+    };
+    const auto remove = [&](uint32_t i, uint32_t e) {
+      if (models[i].erase(e) != 0) __VeskDeleteAnElementFromMultiSet(&single[i], e);
+    };
+    for (int step = 0; step < 200 && !HasFailure(); ++step) {
+      SCOPED_TRACE(testing::Message() << "seed " << seed << " step " << step);
+      const uint32_t i = random() % kSets, j = random() % kSets;
+      const Model from = models[j], to = models[i];
+      if (random() % 3 == 0) { // chunks of all sets mix
+        for (uint32_t n = random() % 1000; n != 0; --n) {
+          const uint32_t k = random() % kSets, e = random() % kChunks * 64;
+          if (!models[k].contains(e)) __VeskAddAnElementToMultiSet(&whole[k], e);
+          add(k, e);
+        }
+      } else if (to.empty()) {
+        __VeskConstructMultiSet(&whole[i], &whole[j]);
+        for (const auto& [e, one] : from) add(i, e);
+      } else if (i != j) {
+        __VeskDifferenceMultiSet(&whole[i], &whole[j]);
+        for (const auto& [e, one] : from) remove(i, e);
+      } else {
+        __VeskDestroyMultiSet(&whole[i]);
+        for (const auto& [e, one] : to) remove(i, e);
+      }
+      EXPECT_TRUE(__VeskAreMultiSetsEqual(&whole[i], &single[i]));
+      EXPECT_EQ(allocated(category), allocated(other));
+    }
+    for (uint32_t i = 0; i < kSets; ++i) __VeskDestroyMultiSet(&whole[i]), __VeskDestroyMultiSet(&single[i]);
+    EXPECT_EQ(test::liveChunks(category, sizeof(MultiSetChunk)), 0);
+  }
+  MultiSet mixed = {0, category, nullptr}, rest = mixed;
+  for (uint32_t n = 0; n != kSlab; ++n) __VeskAddAnElementToMultiSet(&mixed, n * 128); // fills a slab
+  __VeskAddAnElementToMultiSet(&mixed, 64);
+  for (uint32_t n = 1; n != kSlab; ++n) __VeskAddAnElementToMultiSet(&rest, n * 64); // and another
+  __VeskDestroyMultiSet(&mixed); // while the first slab is emptied, there is room in the second
+  EXPECT_EQ(allocated(category), 65536);
+  __VeskDestroyMultiSet(&rest);
+}
+
+// Each thread works on sets of its own; all chunks are of one category, and a set's chunks pass on to other threads.
+TEST(Set, ThreadsShareACategory) {
+  test::startRuntime();
+  __VeskEnableMemoryStatisticsCollection();
+  const uint32_t category = __VeskRegisterMemoryCategory("shared");
+  constexpr uint32_t kChunks = 700;
+  std::mutex mutex;
+  Set passedOn = {0, category, nullptr}; // guarded by the mutex
+  std::atomic<int> wrong = 0;
+  std::vector<std::thread> threads;
+  for (uint32_t t = 0; t < 4; ++t) {
+    threads.emplace_back([&, t] {
+      std::mt19937 random(t);
+      Set all = {0, category, nullptr}, some = all, result = all;
+      for (uint32_t e = kChunks; e-- != 0;) {
+        __VeskAddAnElementToSet(&all, e * 64);
+        if (random() % 2 != 0) __VeskAddAnElementToSet(&some, e * 64 + t);
+      }
+      for (int round = 0; round < 300; ++round) {
+        {
+          const std::lock_guard lock(mutex);
+          std::swap(result, passedOn);
+        }
+        __VeskConstructSet(&result, &some);
+        __VeskUnionSet(&result, &all);
+        wrong += __VeskIsASubsetOfSet(&all, &result) == 0 || __VeskIsASubsetOfSet(&some, &result) == 0;
+        __VeskDifferenceSet(&result, round % 2 != 0 ? &some : &all);
+        wrong += result.count != (round % 2 != 0 ? all : some).count - (t == 0 ? some.count : 0);
+      }
+      for (Set* set : {&all, &some, &result}) __VeskDestroySet(set);
+    });
+  }
+  for (auto& thread : threads) thread.join();
+  __VeskDestroySet(&passedOn);
+  EXPECT_EQ(wrong, 0);
+  EXPECT_EQ(test::liveChunks(category, sizeof(SetChunk)), 0);
+}

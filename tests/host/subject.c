@@ -526,6 +526,68 @@ int obeys(void) {
   return 3;
 }
 
+/* ---- For the long runs ---- */
+
+/* Takes a block behind one of as many stacks as 2 to the power of `depth`. */
+static void* behind(unsigned path, int depth, size_t bytes) {
+  void* block;
+  if (depth == 0) return malloc(bytes);
+  if (path % 2 == 0) return behind(path / 2, depth - 1, bytes);
+  block = behind(path / 2, depth - 1, bytes);
+  __asm__ volatile(""); /* so that there are two places to call from */
+  return block;
+}
+
+/* Says who it is when it has many call stacks, waits for a byte, and ends. */
+int manyStacks(void) {
+  for (unsigned path = 0; path < 4096; ++path) keep = behind(path, 12, path % 100);
+  printf("%d\n", (int)getpid());
+  fflush(stdout);
+  return getchar() == EOF;
+}
+
+/* A server of four threads, at a steady pace until standard input ends, whose sessions live for random times. */
+enum { SESSIONS = 2000, HISTORY = 8 };
+struct Session {
+  void* state;
+  void* history[HISTORY];
+  int count;
+};
+static volatile int closing;
+static void* waitForEnd(void* argument) {
+  while (getchar() != EOF) continue;
+  closing = 1;
+  return argument;
+}
+static void* serve(void* argument) {
+  int* requests = argument;
+  unsigned random = (unsigned)*requests;
+  struct Session* sessions = calloc(SESSIONS, sizeof *sessions);
+  while (!closing) {
+    const unsigned chosen = (unsigned)rand_r(&random);
+    const unsigned bytes = (unsigned)rand_r(&random) % (rand_r(&random) % 20 == 0 ? 60000 : 900) + 1;
+    struct Session* session = &sessions[chosen % SESSIONS];
+    free(session->state);
+    session->state = behind(chosen, 3, bytes);
+    session->history[session->count++] = behind(bytes, 3, bytes % 500 + 20);
+    if (session->count == HISTORY || bytes % 5 == 0) {
+      while (session->count > 0) free(session->history[--session->count]);
+      free(session->state);
+      session->state = NULL;
+    }
+    if (++*requests % 3 == 0) usleep(2000);
+  }
+  return argument;
+}
+int serves(void) {
+  int requests[4] = {1, 2, 3, 4};
+  pthread_t id;
+  pthread_create(&id, NULL, waitForEnd, NULL);
+  inFourThreads(serve, requests);
+  printf("%d requests\n", requests[0] + requests[1] + requests[2] + requests[3]);
+  return 0;
+}
+
 int main(int argc, char** argv) {
   static char buffer[65536]; /* so that output allocates nothing */
   const char* slash;

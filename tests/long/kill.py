@@ -20,7 +20,6 @@ import common
 from common import need
 
 rounds = int(sys.argv[1]) if len(sys.argv) > 1 else 1000
-subject = os.path.join(common.build, "kill_subject")
 record = re.compile(r"\n\t<msg .*?\n\t</msg>", re.S)
 
 
@@ -69,7 +68,7 @@ def run():
     whole_records = cut = 0
     outcomes = {"old": 0, "new": 0, "none": 0}
     half_written = 0
-    heap = [common.veskrun, "-out", "r.xml", "-log", "r.log", "-top", "0", "--", subject, "heap"]
+    heap = [common.veskrun, "-out", "r.xml", "-log", "r.log", "-top", "0", "--", common.subject, "manyStacks"]
     spans = []
     for _ in range(5): # how long the end takes
         runner, _ = start(heap)
@@ -79,7 +78,7 @@ def run():
         spans.append(time.monotonic() - begin)
     span = sorted(spans)[2]
     for number in range(rounds):
-        writer = start([subject, "log"])
+        writer = start([os.path.join(common.build, "kill_writer")])
         kill(*writer, random.uniform(0, 0.03))
         for path, numbered in (("log", True), ("xml", False)):
             records, is_cut = check_records(path, numbered)

@@ -101,7 +101,7 @@ class Soak:
         need(beats >= self.idle, f"{beats} heartbeats in {self.idle} idle times")
         need(beats <= minutes * 60 / heartbeat + 1, f"{beats} heartbeats")
         # Eight lines for a record with three arguments, ten for one with five, one for a comment.
-        lines = read("r.log").count("\n")
+        lines = read("r.log").count("\n") + 1
         inside = 8 * len(got) + 10 * beats + statuses + notes
         need(lines == inside + 5, f"the log has {lines} lines, {inside} of records")
         return beats, statuses, notes
@@ -121,7 +121,7 @@ class Soak:
         seconds = minutes * 60
         runner = subprocess.Popen(
             [common.veskrun, "-out", "r.xml", "-commands", "commands", "-heartbeat", str(heartbeat), "-top", "0",
-             "--", os.path.join(common.build, "soak_server"), str(int(seconds + 10))], stdout=subprocess.PIPE)
+             "--", common.subject, "serves"], stdin=subprocess.PIPE, stdout=subprocess.PIPE)
         try:
             while not os.path.exists("commands/" + common.lock_file_name) or not self.server:
                 time.sleep(0.05)

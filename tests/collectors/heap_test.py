@@ -103,8 +103,10 @@ class Heap(common.TestCase):
 
     def test_children_of_busy_processes_are_exact(self):
         results = self.profile_all(f"{subject} forkWhileBusy", 0).values()
-        children = [each.of_size(3003).calls for each in results if each.status == "1" and each.totals["calls"] == 1]
-        self.assertEqual((children, len(results)), ([1] * 20, 21))
+        children = [each for each in results if each.status == "1"]
+        self.assertEqual([each.of_size(3003).calls for each in children], [1] * 20)
+        # Every second one runs the program's destructors.
+        self.assertEqual(sorted(each.totals["calls"] for each in children), [1] * 10 + [2] * 10)
 
     def test_programs_that_replace_themselves_leave_a_result_each(self):
         results = self.profile_all(f"sh -c 'exec {subject} known'", 5)

@@ -239,17 +239,22 @@ static int manyThreads(void* (*function)(void*)) {
 }
 int exitFromThread(void) { return manyThreads(exitHere) + (int)sleep(60); }
 int exitWhileBusy(void) { return manyThreads(allocateForever); }
-int forkWhileBusy(void) {
-  int sum = 0;
-  manyThreads(allocateForever);
+static void* forkHere(void* argument) {
   for (int n = 0; n < 20; ++n) {
     const pid_t pid = fork();
     if (pid == 0) {
       free(malloc(3003));
+      if (n % 2 == 0) exit(1);
       _exit(1);
     }
-    sum += status(pid);
+    *(int*)argument += status(pid);
   }
+  return argument;
+}
+int forkWhileBusy(void) {
+  int sum = 0;
+  manyThreads(allocateForever);
+  forkHere(&sum);
   printf("children %d\n", sum);
   return 0;
 }
@@ -336,17 +341,6 @@ int reusesDescriptors(void) {
   for (size_t n = 0; n < 300000; ++n) keep = malloc(n % 500); /* until the collector has something to say */
   forks();                                                    /* children, and the exec of another program */
   return 33;
-}
-static void* forkHere(void* argument) {
-  for (int n = 0; n < 20; ++n) {
-    const pid_t pid = fork();
-    if (pid == 0) {
-      free(malloc(3004));
-      exit(n);
-    }
-    *(int*)argument += status(pid);
-  }
-  return argument;
 }
 int forkInThread(void) {
   pthread_t id;

@@ -14,11 +14,7 @@ from selenium.webdriver.common.keys import Keys
 import common
 from common import build, need, veskreport, veskrun
 
-HOSTILE = "</script><script>window.hacked=1</script><b>&amp;"
-ARGUMENTS = [
-    "--headless=new", "--no-sandbox", "--disable-gpu", "--disable-quic", "--no-first-run", "--disable-background-networking",
-    "--disable-component-update", "--disable-sync", "--disable-default-apps", "--disable-dev-shm-usage",
-]
+HOSTILE = '"</script><script>window.hacked=1</script><b>&amp;"'
 
 
 def make_pages():
@@ -195,7 +191,7 @@ def main():
     make_pages()
     options = webdriver.ChromeOptions()
     options.set_capability("goog:loggingPrefs", {"browser": "ALL", "performance": "ALL"})
-    for argument in ARGUMENTS:
+    for argument in ("--headless=new", "--no-sandbox", "--disable-dev-shm-usage"):
         options.add_argument(argument)
     with webdriver.Chrome(service=Service("/usr/bin/chromedriver"), options=options) as browser:
         for width in (400, 1600):

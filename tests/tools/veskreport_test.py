@@ -198,7 +198,7 @@ class RealRuns(common.TestCase):
         whole = self.table()
         inlined = "keepInlined [inlined] report_subject.cpp:"
         for part in (inlined, "from shapes::Store<unsigned long>::leak(unsigned long) (subject) report_subject.cpp:",
-                     "</script><script>window.hacked=1</script><b>&amp; (subject)"):
+                     '"</script><script>window.hacked=1</script><b>&amp;" (subject)'):
             self.assertIn(part, whole)
 
         # Debug information apart, found by build id; then the module gone, with its debug file alone.

@@ -314,19 +314,6 @@ int aborts(void) {
   abort();
 }
 
-static void* small(void* argument) {
-  keep = malloc(5001);
-  return argument;
-}
-int smallStack(void) {
-  pthread_attr_t attributes;
-  pthread_t id;
-  pthread_attr_init(&attributes);
-  printf("set %d\n", pthread_attr_setstacksize(&attributes, PTHREAD_STACK_MIN));
-  printf("create %d\n", pthread_create(&id, &attributes, small, NULL));
-  return pthread_join(id, NULL);
-}
-
 /* ---- Hostile ---- */
 
 /* Files that come after every descriptor was closed hold what the program writes, and nothing else. */
@@ -467,6 +454,7 @@ int staticStorage(void) {
   printf("loaded some %d, not all %d\n", loaded > 0, loaded < 40);
   return 0;
 }
+/* On stacks as small as they may be. */
 static pthread_barrier_t allThere;
 static void* meet(void* argument) {
   free(malloc(7500));
@@ -480,7 +468,7 @@ int veryManyThreads(void) {
   pthread_attr_t attributes;
   int made = 0;
   pthread_attr_init(&attributes);
-  pthread_attr_setstacksize(&attributes, 65536);
+  printf("set %d\n", pthread_attr_setstacksize(&attributes, PTHREAD_STACK_MIN));
   pthread_barrier_init(&allThere, NULL, COUNT);
   for (int n = 0; n < COUNT; ++n) made += pthread_create(&ids[n], &attributes, meet, NULL) == 0;
   printf("made %d\n", made);

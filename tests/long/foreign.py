@@ -37,7 +37,7 @@ battery = {
     "bzip2": ["bzip2", "--help"],
     "sed": ["sed", "-n", "s/[0-9]\\+/<&>/gp", "/etc/services"],
     "awk": ["awk", "BEGIN { for (i = 0; i < 30000; ++i) a[i % 331] = a[i % 331] i; for (k in a) n += length(a[k]); print n; exit 2 }"],
-    "sort": ["sort", "--parallel=4", "-S", "1M", "-r", "/etc/services"],
+    "sort": ["sort", "--parallel=4", "-S", "1M", "-r", "/var/lib/dpkg/status"],
     "xargs": ["sh", "-c", "mkdir d && touch d/1 d/2 d/3 && find d -type f | sort | xargs -P 2 -n 1 basename | sort | tr 1-3 a-c; exit 3"],
     "find": ["find", "/usr/share/doc", "-maxdepth", "1", "-newermt", "1990-01-01"],
     "grep": ["grep", "-rEc", "([a-z]+).*\\1", "/etc/services"],
@@ -76,7 +76,7 @@ hostile = {
     "exits": ("exit 21", 4001), "quick": ("quick exit 22", 4001), "exitFromThread": ("quick exit 23", 16),
     "exitWhileBusy": ("exit 24", 16), "forkWhileBusy": ("exit 0", 16), "mainLeaves": ("exit 0", 4003), "closesAll": ("exit 31", 4002),
     "standardFiles": ("exit 39", 100), "ownEnvironment": ("exit 0", 4002), "allocateInHandler": ("exit 0", 14),
-    "exitInHandler": ("exit 41", 16), "aborts": ("", 0), "smallStack": ("exit 0", 5001), "reusesDescriptors": ("exec 0", 3000),
+    "exitInHandler": ("exit 41", 16), "aborts": ("", 0), "reusesDescriptors": ("exec 0", 3000),
     "forkInThread": ("exit 0", 16), "spawnsWhileBusy": ("exit 0", 16), "loadsStorm": ("exit 0", 777),
     "deepRecursion": ("exit 0", 7000), "alternateStack": ("exit 0", 7100), "jumpsOutOfHandlers": ("exit 0", 7300),
     "staticStorage": ("exit 0", 7400), "veryManyThreads": ("exit 0", 7501)}

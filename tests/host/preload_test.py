@@ -90,6 +90,9 @@ class Preload(common.TestCase):
                 self.assertEqual([event for event in events if event.startswith("end ")], ["end " + end])
                 self.assertEqual(events[-1], "end " + end)
 
+    def test_no_descriptor_is_left_open(self):
+        self.assertEqual(run(f"{observed} -- ls /proc/self/fd"), run("ls /proc/self/fd"))
+
     def test_standard_descriptors_stay_closed(self):
         for closed in "<&-", ">&-", "2>&-", "<&- >&-", "<&- >&- 2>&-":
             with self.subTest(closed):

@@ -74,7 +74,7 @@ suite = ["bash", "bash descriptors", "perl", "perl fork", "python3", "python3 de
 hostile = {
     "heap": ("exit 5", 4002), "threads": ("exit 0", 2003), "modules": ("exit 0", 777), "forks": ("exec 0", 3000),
     "exits": ("exit 21", 4001), "quick": ("quick exit 22", 4001), "exitFromThread": ("quick exit 23", 16),
-    "exitWhileBusy": ("exit 24", 16), "forkWhileBusy": ("exit 0", 16), "mainLeaves": ("exit 0", 4003), "closesAll": ("exit 31", 4002),
+    "exitWhileBusy": ("exit 24", 16), "forkWhileBusy": ("exit 0", 16), "mainLeaves": ("exit 0", 4003), "closesAll": ("exit 35", 4002),
     "standardFiles": ("exit 39", 100), "ownEnvironment": ("exit 0", 4002), "allocateInHandler": ("exit 0", 14),
     "exitInHandler": ("exit 41", 16), "aborts": ("", 0), "reusesDescriptors": ("exec 0", 3000),
     "forkInThread": ("exit 0", 16), "spawnsWhileBusy": ("exit 0", 16), "loadsStorm": ("exit 0", 777),

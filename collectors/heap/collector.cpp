@@ -263,7 +263,10 @@ void processEnding(VeskProcessEnd how, int status) {
     tell("cannot write the result %s: %s", path.text(), std::strerror(error));
     __VeskLogInternal(VESKLOG_SEVERITY_ERROR, VESKLOG_MSG_FAIL_OPEN_FILE, 0, VESKLOG_ARG_STRING, path.text());
   }
-  __VeskCloseLogger();
+  if (how == VESK_END_EXEC)
+    endLogBeforeExec(files);
+  else
+    __VeskCloseLogger();
 }
 
 void execFailed() {

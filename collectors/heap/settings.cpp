@@ -21,6 +21,9 @@ namespace {
 constexpr std::uint32_t kDefaultTop = 10;
 constexpr std::uint32_t kDefaultTimeline = 10;
 
+constexpr char kLogEnd[] = "\n</log>";
+constexpr off_t kLogEndLength = sizeof kLogEnd - 1;
+
 // The ids, once registered.
 struct Options {
   std::uint32_t parser;
@@ -276,15 +279,20 @@ void nameNumbered(Path& path, const Path& result, const char* word, std::uint32_
   } while (access(path.text(), F_OK) == 0);
 }
 
+void endLogBeforeExec(const Files& files) {
+  const int log = open(files.log.text(), O_WRONLY | O_APPEND | O_CLOEXEC);
+  if (log < 0) return;
+  if (write(log, kLogEnd, kLogEndLength) != kLogEndLength) tell("cannot end the log %s", files.log.text());
+  close(log);
+}
+
 void continueLog(const Files& files) {
-  constexpr char kEnd[] = "</log>";
-  constexpr off_t kLength = sizeof kEnd - 1;
-  char end[kLength];
+  char end[kLogEndLength];
   const int log = open(files.log.text(), O_RDWR | O_CLOEXEC);
   if (log < 0) return;
   const off_t size = lseek(log, 0, SEEK_END);
-  if (size >= kLength && pread(log, end, kLength, size - kLength) == kLength &&
-      std::memcmp(end, kEnd, kLength) == 0 && ftruncate(log, size - kLength) != 0) {
+  if (size >= kLogEndLength && pread(log, end, kLogEndLength, size - kLogEndLength) == kLogEndLength &&
+      std::memcmp(end, kLogEnd, kLogEndLength) == 0 && ftruncate(log, size - kLogEndLength) != 0) {
     tell("cannot continue the log %s", files.log.text());
   }
   close(log);

@@ -39,7 +39,11 @@ void nameFiles(Files& files, const Settings& settings);
 // not taken, which `number` then is.
 void nameNumbered(Path& path, const Path& result, const char* word, std::uint32_t& number);
 
-// Takes the closing tag off the log again, which goes on.
+// Puts the closing tag behind the log, by a descriptor of its own: the log's stream stays in front of the tag, and goes
+// on there when the exec fails.
+void endLogBeforeExec(const Files& files);
+
+// Takes that tag off again.
 void continueLog(const Files& files);
 
 // Has the options show the files' names where the log lists them.

@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """Programs that know nothing of the heap collector, with it and without: output, errors, status and files must be the same.
 
-usage: foreign.py [short | NAME...]    (all of them; those named; `short` leaves out the programs of the system)
+usage: foreign.py [short | NAME...]    (all of them; those named; `short` leaves out what the suite does not need)
 """
 import hashlib
 import os
@@ -10,18 +10,21 @@ import subprocess
 import sys
 
 import common
-from common import need
+from common import build, need
 
 # Programs of the system, each in an empty directory.
 battery = {
     "bash": ["bash", "-c", "trap 'echo caught' TERM; kill -TERM $$; f() { local x=$1; echo ${x^^}; }; f a; echo {1..500}; exit 7"],
     "dash": ["dash", "-c", "for i in 1 2 3; do echo $i & wait; done; exit 3"],
     "perl": ["perl", "-e", "my %h; $h{$_ % 977} .= $_ for 1..50000; print scalar keys %h; warn 'careful'; exit 9"],
-    "perl fork": ["perl", "-e", "$|=1; for (1..5) { if (!fork) { exit $_ } wait; print $? >> 8 }"],
+    "perl fork": ["perl", "-e", "$|=1; for (1..5) { if (!fork) { exit $_ if $_ > 1; exec 'sh', '-c', 'exit 9' } wait; print $? >> 8 }"],
     "python3": ["/usr/bin/python3", "-c", "import json,threading,ssl,sqlite3,ctypes\nprint(len(json.dumps(list(range(9999)))))\n"
-                "t=[threading.Thread(target=lambda: sorted(range(9999))) for _ in range(8)]\n[x.start() for x in t];[x.join() for x in t]\nraise SystemExit(5)"],
+                "t=[threading.Thread(target=lambda: sorted(range(9999))) for _ in range(8)]\n[x.start() for x in t];[x.join() for x in t]\n"
+                "import subprocess;print(subprocess.run(['sh','-c','echo child; exit 4']).returncode,ctypes.CDLL(None).abs(-3))\nraise SystemExit(5)"],
     "python3 multiprocessing": ["/usr/bin/python3", "-c", "import multiprocessing as m\nif __name__=='__main__':\n"
                                 " with m.Pool(3) as p: print(p.map(abs, range(-9, 9)))"],
+    "python3 descriptors": ["/usr/bin/python3", "-c", "import os;f=lambda:os.open('/dev/null',0)\nprint(f());os.closerange(3,2000);print(f(),f())"],
+    "bash descriptors": ["bash", "-c", "exec 3>f 200>g; echo a >&3; echo b >&200; cat f g"],
     "node": ["node", "-e", "const a=[];for(let i=0;i<1e5;i++)a.push({i});console.log(a.length);process.exitCode=4"],
     "git": ["sh", "-c", "git init -q -b main . && echo a>f && git add f && GIT_COMMITTER_DATE=@1 git -c user.name=a -c user.email=a@b "
             "commit -qm x --date=@1 && git gc -q && git log --stat && git fsck --no-progress; status=$?; rm -rf .git; exit $status"],
@@ -34,7 +37,8 @@ battery = {
     "bzip2": ["bzip2", "--help"],
     "sed": ["sed", "-n", "s/[0-9]\\+/<&>/gp", "/etc/services"],
     "awk": ["awk", "BEGIN { for (i = 0; i < 30000; ++i) a[i % 331] = a[i % 331] i; for (k in a) n += length(a[k]); print n; exit 2 }"],
-    "sort": ["sort", "--parallel=4", "-S", "1M", "-r", "/etc/services"],
+    "sort": ["sort", "--parallel=4", "-S", "1M", "-r", "/var/lib/dpkg/status"],
+    "xargs": ["sh", "-c", "mkdir d && touch d/1 d/2 d/3 && find d -type f | sort | xargs -P 2 -n 1 basename | sort | tr 1-3 a-c; exit 3"],
     "find": ["find", "/usr/share/doc", "-maxdepth", "1", "-newermt", "1990-01-01"],
     "grep": ["grep", "-rEc", "([a-z]+).*\\1", "/etc/services"],
     "make": ["sh", "-c", "printf 'all: a b c\\n%%:\\n\\t@echo $@ > $@\\n' > Makefile; make -j3 -s; ls"],
@@ -63,13 +67,26 @@ battery = {
     "valgrind": ["valgrind", "--version"],
     "ls": ["ls", "-l", "/usr/lib", "/nonexistent"],
 }
-# Programs of tests/host/subject.c.
-hostile = ["heap", "threads", "modules", "forks", "exits", "quick", "exitFromThread", "exitWhileBusy", "forkWhileBusy", "mainLeaves",
-           "closesAll", "standardFiles", "ownEnvironment", "allocateInHandler", "exitInHandler", "aborts", "smallStack",
-           "reusesDescriptors", "forkInThread", "spawnsWhileBusy", "loadsStorm", "deepRecursion", "alternateStack",
-           "jumpsOutOfHandlers", "staticStorage", "veryManyThreads"]
+# Of these, what the suite looks at.
+suite = ["bash", "bash descriptors", "perl", "perl fork", "python3", "python3 descriptors", "git", "git itself", "tar", "tar itself",
+         "sort", "xargs", "find", "gcc", "gcc itself", "ls"]
+# Programs of tests/host/subject.c: how their results say that they end, and the size of a block that is among the last.
+hostile = {
+    "heap": ("exit 5", 4002), "threads": ("exit 0", 2003), "modules": ("exit 0", 777), "forks": ("exec 0", 3000),
+    "exits": ("exit 21", 4001), "quick": ("quick exit 22", 4001), "exitFromThread": ("quick exit 23", 16),
+    "exitWhileBusy": ("exit 24", 16), "forkWhileBusy": ("exit 0", 16), "mainLeaves": ("exit 0", 4003), "closesAll": ("exit 35", 4002),
+    "standardFiles": ("exit 39", 100), "ownEnvironment": ("exit 0", 4002), "allocateInHandler": ("exit 0", 14),
+    "exitInHandler": ("exit 41", 16), "aborts": ("", 0), "reusesDescriptors": ("exec 0", 3000),
+    "forkInThread": ("exit 0", 16), "spawnsWhileBusy": ("exit 0", 16), "loadsStorm": ("exit 0", 777),
+    "deepRecursion": ("exit 0", 7000), "alternateStack": ("exit 0", 7100), "jumpsOutOfHandlers": ("exit 0", 7300),
+    "staticStorage": ("exit 0", 7400), "veryManyThreads": ("exit 0", 7501)}
 # An end by a signal is not told, and neither is one by exit() from a signal handler in the midst of a heap call.
 unobserved = {"aborts", "exitInHandler"}
+# The last one does to errno what no collector should.
+observers = {
+    "with the heap collector": ["-top", "0"],
+    "with its children followed": ["-top", "0", "-follow"],
+    "with the events collector": ["-collector", build + "/libevent_collector.so"]}
 
 
 def files_of(directory):
@@ -85,51 +102,50 @@ def files_of(directory):
     return found
 
 
-def outcome(command, observer):
+def outcome(command, observer=()):
     """What the command did in an empty directory that has the same name each time."""
     os.mkdir("work")
     try:
-        done = subprocess.run(observer + command, cwd="work", stdin=subprocess.DEVNULL, capture_output=True, timeout=240,
-                              check=False)
-        status = done.returncode if done.returncode >= 0 else 128 - done.returncode
-        return {"status": status, "output": done.stdout, "errors": done.stderr, "files": files_of("work")}
+        return {**common.run([*observer, *command], cwd="work")._asdict(), "files": files_of("work")}
     except subprocess.TimeoutExpired:
         return {"status": "does not end"}
     finally:
         shutil.rmtree("work")
 
 
+def check_results(name):
+    """Each adds up, and one of them knows the end."""
+    results = [common.Result(os.path.join("observed", path)) for path in os.listdir("observed") if path.endswith(".xml")]
+    need(results or name in unobserved, f"{name} was not observed")
+    if results and name in hostile:
+        end, size = hostile[name]
+        need(any(f"{each.end} {each.status}" == end and each.all_of_size(size) for each in results),
+             f"{name}: no result has the end '{end}' and a block of {size} bytes")
+
+
 def run():
     chosen = sys.argv[1:]
-    commands = {name: [os.path.join(common.build, "subject"), name] for name in hostile}
-    if chosen != ["short"]:
-        commands = {**battery, **commands}
-    if chosen and chosen != ["short"]:
-        commands = {name: commands[name] for name in chosen}
-    same, missing, different = [], [], []
+    commands = {**battery, **{name: [common.subject, name] for name in hostile}}
+    if chosen:
+        commands = {name: commands[name] for name in ([*suite, *hostile] if chosen == ["short"] else chosen)}
+    missing = [name for name, command in commands.items() if shutil.which(command[0]) is None]
+    different = set()
     for name, command in commands.items():
-        if shutil.which(command[0]) is None:
-            missing.append(name)
+        if name in missing:
             continue
-        without = outcome(command, [])
-        for options in ([], ["-follow"]):
-            observer = [common.veskrun, "-out", os.path.abspath("observed/r.xml"), "-top", "0", *options, "--"]
+        alone = outcome(command)
+        for how, options in observers.items():
             os.mkdir("observed")
+            observer = [common.veskrun, *options, "-out", "../observed/r.xml", "--"] # from "work"
             observed = outcome(command, observer)
-            results = [path for path in os.listdir("observed") if path.endswith(".xml")]
-            need(results or name in unobserved, f"{name} was not observed")
-            for path in results:
-                common.read_result(os.path.join("observed", path))
+            if "-collector" not in options:
+                check_results(name)
             shutil.rmtree("observed")
-            for what, value in without.items():
-                if observed.get(what) != value:
-                    different.append(name)
-                    print(f"foreign: {name} {' '.join(options)}: {what}: {str(value)[:1500]} without, "
-                          f"{str(observed.get(what))[:1500]} with", flush=True)
-                    break
-        same.append(name)
-    need(not different, f"{len(set(different))} programs came out differently: {', '.join(sorted(set(different)))}")
-    print(f"foreign: {len(same)} programs came out the same with the heap collector, and with their children followed"
+            for what in (what for what, value in alone.items() if observed.get(what) != value):
+                different.add(name)
+                print(f"foreign: {name}: {what}: {str(alone[what])[:1500]} alone, {str(observed.get(what))[:1500]} {how}", flush=True)
+    need(not different, f"{len(different)} programs came out differently: {', '.join(sorted(different))}")
+    print(f"foreign: {len(commands) - len(missing)} programs came out the same {', '.join(observers)}"
           + (f"; not installed here: {', '.join(missing)}" if missing else ""))
 
 

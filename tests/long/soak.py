@@ -12,13 +12,11 @@ import statistics
 import subprocess
 import sys
 import time
-import xml.etree.ElementTree as ElementTree
 
 import common
-from common import need
+from common import need, read, veskctl
 
 minutes = float(sys.argv[1]) if len(sys.argv) > 1 else 30
-veskctl = os.path.join(common.build, "veskctl")
 heartbeat = 3
 names = {1: "snapshot", 2: "reset", 3: "pause", 4: "resume"}
 period = 1.0 if minutes > 5 else 0.3
@@ -34,8 +32,8 @@ class Soak:
 
     def send(self, codes):
         words = " + ".join(map(str, codes)).split()
-        done = subprocess.run([veskctl, "commands", "send", *words], capture_output=True, text=True, check=False)
-        need(done.returncode == 0, f"veskctl send {words}: {done.returncode} {done.stderr}")
+        done = common.run([veskctl, "commands", "send", *words])
+        need(done.status == 0, f"veskctl send {words}: {done.status} {done.errors}")
         for code in codes:
             self.expected.append((names.get(code, str(code)), self.answer(code)))
 
@@ -48,20 +46,17 @@ class Soak:
         return {1: "written", 2: "counting from zero"}.get(code, "no command of this collector")
 
     def status(self, name):
-        with open(f"/proc/{self.server}/status", encoding="ascii") as file:
-            return int(re.search(rf"^{name}:\s*(\d+)", file.read(), re.M).group(1))
+        return int(re.search(rf"^{name}:\s*(\d+)", read(f"/proc/{self.server}/status"), re.M).group(1))
 
     def processor_seconds(self):
-        with open(f"/proc/{self.server}/stat", encoding="ascii") as file:
-            fields = file.read().rpartition(")")[2].split()
+        fields = read(f"/proc/{self.server}/stat").rpartition(")")[2].split()
         return (int(fields[11]) + int(fields[12])) / os.sysconf("SC_CLK_TCK")
 
     def take_snapshots(self, seconds):
         """Reads what snapshots there are, and removes them, so that disk and numbers stay small."""
         for path in [path for path in os.listdir(".") if re.fullmatch(r"r\.snapshot\d+\.xml", path)]:
-            root = common.read_result(path)
-            own = int(root.findtext("collector/hostBytes"))
-            self.snapshots.append((seconds, own, len(root.findall("stacks/stack")), self.status("VmRSS")))
+            result = common.Result(path)
+            self.snapshots.append((seconds, result.host_bytes, len(result.stacks), self.status("VmRSS")))
             os.unlink(path)
 
     def command_for(self, seconds):
@@ -85,28 +80,20 @@ class Soak:
             time.sleep(period * random.random() * 2)
 
     def check_log(self):
-        builder = ElementTree.TreeBuilder(insert_comments=True)
-        root = ElementTree.parse("r.log", ElementTree.XMLParser(target=builder)).getroot()
-        got, beats, statuses, notes = [], 0, 0, 0
+        got = common.answers("r.log")
+        beats, statuses, notes = 0, 0, 0
         ids = []
-        for record in root:
-            if record.tag is ElementTree.Comment:
-                text = record.text.strip()
-                if re.match("Periodic allocation status dump|Allocation status for ", text):
-                    statuses += 1
-                else:
-                    known = not ids or text == "Result: " + os.path.abspath("r.xml")
-                    need(known, f"a comment that nobody has asked for: {text}")
-                    notes += 1
-                continue
-            ids.append(int(record.get("id")))
-            kind = record.findtext("type")
-            if kind == "HEARTBEAT":
-                beats += 1
-                continue
-            need(kind == "COMMAND", f"a record of type {kind}")
-            arguments = {each.get("name"): each.text for each in record.findall("arg")}
-            got.append((arguments["command"], arguments["answer"]))
+        for kind, values in common.records("r.log"):
+            if kind != "comment":
+                need(kind in ("COMMAND", "HEARTBEAT"), f"a record of type {kind}")
+                ids.append(int(values["id"]))
+                beats += kind == "HEARTBEAT"
+            elif re.match("Periodic allocation status dump|Allocation status for ", values):
+                statuses += 1
+            else:
+                known = not ids or values == "Result: " + os.path.abspath("r.xml")
+                need(known, f"a comment that nobody has asked for: {values}")
+                notes += 1
         need(ids == list(range(1, len(ids) + 1)), "record ids are not consecutive")
         for number, (wanted, found) in enumerate(zip(self.expected, got)):
             need(wanted == found, f"command {number}: sent {wanted}, logged {found}")
@@ -114,8 +101,7 @@ class Soak:
         need(beats >= self.idle, f"{beats} heartbeats in {self.idle} idle times")
         need(beats <= minutes * 60 / heartbeat + 1, f"{beats} heartbeats")
         # Eight lines for a record with three arguments, ten for one with five, one for a comment.
-        with open("r.log", encoding="utf-8") as file:
-            lines = sum(1 for _ in file)
+        lines = read("r.log").count("\n") + 1
         inside = 8 * len(got) + 10 * beats + statuses + notes
         need(lines == inside + 5, f"the log has {lines} lines, {inside} of records")
         return beats, statuses, notes
@@ -135,14 +121,12 @@ class Soak:
         seconds = minutes * 60
         runner = subprocess.Popen(
             [common.veskrun, "-out", "r.xml", "-commands", "commands", "-heartbeat", str(heartbeat), "-top", "0",
-             "--", os.path.join(common.build, "soak_server"), str(int(seconds + 10))], stdout=subprocess.PIPE)
+             "--", common.subject, "serves"], stdin=subprocess.PIPE, stdout=subprocess.PIPE)
         try:
             while not os.path.exists("commands/" + common.lock_file_name) or not self.server:
                 time.sleep(0.05)
                 need(runner.poll() is None, "the server does not start")
-                children = f"/proc/{runner.pid}/task/{runner.pid}/children"
-                with open(children, encoding="ascii") as file:
-                    self.server = int(file.read() or 0)
+                self.server = int(read(f"/proc/{runner.pid}/task/{runner.pid}/children") or 0)
             time.sleep(0.5)
             objects = common.channel_objects("commands")
             need(common.system_has(objects), "the channel's objects are not there")
@@ -162,7 +146,7 @@ class Soak:
             common.remove_channel("commands")
         need(runner.returncode == 0, f"the server ended with {runner.returncode}")
         self.take_snapshots(seconds)
-        common.read_result("r.xml")
+        common.Result("r.xml")
         left = sorted(os.listdir("."))
         need(left == ["commands", "r.log", "r.xml"] and not os.listdir("commands"), f"files left: {left}")
         need(not common.system_has(objects), "System V objects are left")

@@ -326,10 +326,8 @@ int main(int argc, char** argv) {
   need(rounds < 5 || heldAtEnd <= held + rounds * 150000 + (4 << 20), "memory is not given back");
   const double minutes = std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count() / 60;
   std::printf(
-      "stress: %.1f minutes, %llu rounds of %d threads, %llu operations, %llu records; every result right; "
-      "%llu bytes held after the first rounds, %llu at the end\n",
-      minutes, static_cast<unsigned long long>(rounds), kThreads, static_cast<unsigned long long>(operations),
-      static_cast<unsigned long long>(nextId - 1), static_cast<unsigned long long>(held),
-      static_cast<unsigned long long>(heldAtEnd));
+      "stress: %.1f minutes, %lu rounds of %d threads, %lu operations, %lu records; every result right; "
+      "%lu bytes held after the first rounds, %lu at the end\n",
+      minutes, rounds, kThreads, operations, nextId - 1, held, heldAtEnd);
   return 0;
 }

@@ -14,44 +14,37 @@ import time
 import common
 from common import need
 
-# Programs whose tests are left out: they start other programs with the host preloaded, which then are not under memcheck.
-not_units = ("test_preload", "test_heap_runs", "test_veskrun", "annotations_run_test", "python3")
-# Tests that are left out.
+# Tests that are left out, and why.
 left_out = {
-    # Thousands of forks each, or as many operations of many threads, which memcheck runs one at a time: more than ten minutes.
-    r"Exhaustion\..*": "forks for every allocation",
-    # A child has lost the stacks of its parent's other threads, and what only they pointed to is a leak to memcheck.
-    r"Logger.AChildOfAForkGoesOnLogging": "forks amid threads",
-    r"HostMemory.ThreadsAndForksShareIt": "forks amid threads",
-    # Kills senders after a millisecond, in which memcheck lets none of them come to anything.
-    r"CommandSending.AKilledSenderHarmsNothing": "counts on speed",
-    # Asks the system whether pages are gone, which memcheck takes for a use of them.
-    r"HostMemory.ReusesSlabsAndReturnsBigBlocks": "looks at pages that are gone",
-    # Valgrind answers setrlimit() itself, and then lets files be opened above the limit.
-    r"Text.FilesStayOffTheStandardDescriptors": "counts on a limit of descriptors",
-    # A hundred children in a minute of its own, and memcheck frees the C library's streams at their _exit(), which writes them out.
-    r"ProcessLaunch.AFailedChildLogsAndIsNoSecondParent": "looks at streams after _exit()",
+    r"Exhaustion\..*": "thousands of forks each: more than ten minutes",
+    r"Logger.AChildOfAForkGoesOnLogging": "a child has lost its parent's other stacks, and what only they pointed to is a leak to memcheck",
+    r"HostMemory.ThreadsAndForksShareIt": "the same",
+    r"CommandSending.AKilledSenderHarmsNothing": "kills after a millisecond, in which memcheck lets no sender come to anything",
+    r"HostMemory.ReusesSlabsAndReturnsBigBlocks": "asks the system whether pages are gone, which memcheck takes for a use of them",
+    r"Text.FilesStayOffTheStandardDescriptors": "valgrind lets files be opened above the limit that the test sets",
+    r"ProcessLaunch.AFailedChildLogsAndIsNoSecondParent": "memcheck frees streams at _exit(), which writes them out a second time",
 }
+suppressions = os.path.join(os.path.dirname(os.path.abspath(__file__)), "valgrind.supp")
 memcheck = ["valgrind", "--quiet", "--leak-check=full", "--show-leak-kinds=definite", "--errors-for-leak-kinds=definite",
-            "--error-exitcode=99", "--suppressions=" + os.path.join(os.path.dirname(os.path.abspath(__file__)), "valgrind.supp"), "--child-silent-after-fork=yes", "--fair-sched=try", "--num-callers=25"]
+            "--error-exitcode=99", "--suppressions=" + suppressions, "--child-silent-after-fork=yes", "--fair-sched=try",
+            "--num-callers=25"]
 
 
 def run_test(test):
     begin = time.monotonic()
     try:
-        done = subprocess.run(memcheck + test["command"], capture_output=True, text=True, timeout=600, check=False)
-        failed, output = done.returncode != 0, done.stdout + done.stderr
+        done = common.run(memcheck + test["command"], timeout=600)
+        failed, output = done.status != 0, done.output + done.errors
     except subprocess.TimeoutExpired:
         failed, output = True, "takes more than ten minutes"
     return test["name"], failed, output, time.monotonic() - begin
 
 
 def run():
-    listing = subprocess.run(["ctest", "--test-dir", common.build, "--show-only=json-v1"], capture_output=True, check=True)
-    tests = json.loads(listing.stdout)["tests"]
+    tests = json.loads(common.run(["ctest", "--test-dir", common.build, "--show-only=json-v1"]).output)["tests"]
     need(all("command" in test for test in tests), "the suite is not built")
-    tests = [test for test in tests if os.path.basename(test["command"][0]) not in not_units
-             and not test["name"].startswith("Short.")]
+    # Scripts start programs with the host preloaded, which then are not under memcheck.
+    tests = [test for test in tests if test["command"][0].startswith(common.build)]
     wanted = re.compile(sys.argv[1] if len(sys.argv) > 1 else "")
     chosen = [test for test in tests if wanted.search(test["name"])
               and not any(re.fullmatch(pattern, test["name"]) for pattern in left_out)]

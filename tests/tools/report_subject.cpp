@@ -7,28 +7,13 @@
 
 #include <unistd.h>
 
-asm(R"(
-  .text
-  .globl "</script><script>window.hacked=1</script><b>&amp;"
-  .type "</script><script>window.hacked=1</script><b>&amp;", @function
-"</script><script>window.hacked=1</script><b>&amp;":
-  .cfi_startproc
-  subq $8, %rsp
-  .cfi_adjust_cfa_offset 8
-  call malloc@PLT
-  addq $8, %rsp
-  .cfi_adjust_cfa_offset -8
-  ret
-  .cfi_endproc
-  .size "</script><script>window.hacked=1</script><b>&amp;", . - "</script><script>window.hacked=1</script><b>&amp;"
-  .section .data.rel, "aw"
-  .globl hostileFunction
-hostileFunction:
-  .quad "</script><script>window.hacked=1</script><b>&amp;"
-  .text
-)");
+[[gnu::noinline]] void*
+hostileFunction(std::size_t bytes) asm("\"</script><script>window.hacked=1</script><b>&amp;\"");
 
-extern "C" void* (*hostileFunction)(std::size_t);
+void* hostileFunction(std::size_t bytes) {
+  void* volatile block = std::malloc(bytes);
+  return block;
+}
 
 namespace {
 

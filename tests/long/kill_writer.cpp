@@ -1,8 +1,6 @@
-// What ./dev kill kills. "kill_subject log": threads write records and XML files without end. "kill_subject heap": takes
-// blocks with many call stacks, waits for a byte, and ends. Both write their process id when they may be killed.
+// What ./dev kill kills: threads write records into a log and into an XML file without end. Writes its process id when it may
+// be killed.
 #include <cstdio>
-#include <cstdlib>
-#include <cstring>
 #include <random>
 #include <string>
 #include <thread>
@@ -15,11 +13,6 @@
 #include "veskrt/xml.h"
 
 namespace {
-
-void writeProcessId() {
-  std::printf("%d\n", static_cast<int>(getpid()));
-  std::fflush(stdout);
-}
 
 // Mostly short, at times longer than any buffer.
 std::string randomText(std::mt19937& random) {
@@ -51,7 +44,9 @@ void writeXml(unsigned thread, VeskXMLFile* file) {
   }
 }
 
-int writeForEver() {
+} // namespace
+
+int main() {
   veskHostInstall();
   if (__VeskCreateLogger("kill", "log", 0) != 1) return 1;
   static constexpr const char* kNames[] = {"size", "text", nullptr};
@@ -63,29 +58,8 @@ int writeForEver() {
   std::vector<std::thread> threads;
   for (unsigned n = 0; n < 2; ++n) threads.emplace_back(writeRecords, n, message);
   for (unsigned n = 0; n < 2; ++n) threads.emplace_back(writeXml, n, file);
-  writeProcessId();
+  std::printf("%d\n", static_cast<int>(getpid()));
+  std::fflush(stdout);
   threads.front().join();
   return 0;
-}
-
-void* volatile kept;
-
-[[gnu::noinline]] void descend(unsigned path, int depth) {
-  kept = std::malloc(path % 100 + 1);
-  if (depth == 0) return;
-  if (path % 2 == 0) { // two places to call from: two stacks
-    descend(path / 2, depth - 1);
-  } else {
-    descend(path / 2, depth - 1);
-  }
-  kept = nullptr;
-}
-
-} // namespace
-
-int main(int argc, char** argv) {
-  if (argc > 1 && std::strcmp(argv[1], "log") == 0) return writeForEver();
-  for (unsigned path = 0; path < 4096; ++path) descend(path, 12);
-  writeProcessId();
-  return getchar() == EOF;
 }

@@ -5,8 +5,7 @@
 #include <iterator>
 #include <vector>
 
-#include <fuzzer/FuzzedDataProvider.h>
-
+#include "fuzz/input.h"
 #include "fuzz/support.h"
 #include "options/records.h"
 #include "veskrt/options.h"
@@ -220,11 +219,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   fuzz::startRuntime();
   __VeskSetExitHandler(leave);
   const std::int64_t before = fuzz::liveBlocks();
-  FuzzedDataProvider input(data, size);
+  fuzz::Input input(data, size);
   std::vector<std::string> arguments;
-  while (input.remaining_bytes() > 0 && arguments.size() < 64) {
-    const std::string bytes =
-        input.ConsumeBool() ? input.PickValueInArray(kWords) : input.ConsumeRandomLengthString(40);
+  while (input.left() > 0 && arguments.size() < 64) {
+    const std::string bytes = input.takeBool() ? input.pick(kWords) : input.takeText(40);
     arguments.emplace_back(bytes.c_str());
   }
 

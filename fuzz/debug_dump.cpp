@@ -3,8 +3,7 @@
 #include <optional>
 #include <string_view>
 
-#include <fuzzer/FuzzedDataProvider.h>
-
+#include "fuzz/input.h"
 #include "fuzz/support.h"
 #include "veskrt/debug.h"
 
@@ -73,11 +72,11 @@ bool applyTokens(std::string_view text, std::uint32_t& mask) {
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   fuzz::startRuntime();
-  FuzzedDataProvider input(data, size);
+  fuzz::Input input(data, size);
   std::uint32_t mask = 0;
   fuzz::require(__VeskDbgRegisterDbgMap(kMap) == 1 && __VeskParseDbgDumpOption("0x0") == 1);
-  while (input.remaining_bytes() > 0) {
-    const std::string bytes = input.ConsumeRandomLengthString(64);
+  while (input.left() > 0) {
+    const std::string bytes = input.takeText(64);
     const std::string text = bytes.c_str(); // up to its first zero
     const int understood = __VeskParseDbgDumpOption(text.c_str());
     if (text[0] != '0') {

@@ -33,7 +33,7 @@ const Declaration kDeclarations[] = {
     {"-name", Type::String, false, {}},
     {"-names", Type::String, true, {}},
     {"-word", Type::String, false, {"alpha", "al", "beta"}},
-    {"-mode", Type::Enum, false, {"full", "fast", "none"}},
+    {"-mode", Type::Enum, false, {nullptr, "full", "fast", "none"}},
     {"-free", Type::Enum, false, {}},
     {"-path", Type::Path, false, {}},
     {"-paths", Type::Path, true, {}},
@@ -41,10 +41,48 @@ const Declaration kDeclarations[] = {
 };
 constexpr std::size_t kOptions = std::size(kDeclarations);
 
-const char* const kWords[] = {
-    "-flag",      "-no-flag",   "-no-no-flag", "-count", "-level", "-name",  "-names",    "-word", "-mode",
-    "-free",      "-path",      "-paths",      "-no-",   "-",      "-other", "0x10",      "010",   "16",
-    "2147483647", "2147483648", "0b1",         "a//b",   "fa",     "al",     "-no-count", ""};
+const char* const kWords[] = {"-flag",
+                              "-no-flag",
+                              "-no-no-flag",
+                              "-count",
+                              "-level",
+                              "-name",
+                              "-names",
+                              "-word",
+                              "-mode",
+                              "-free",
+                              "-path",
+                              "-paths",
+                              "-no-",
+                              "-",
+                              "-other",
+                              "0x10",
+                              "010",
+                              "16",
+                              "2147483647",
+                              "2147483648",
+                              "0b1",
+                              "a//b",
+                              "fa",
+                              "al",
+                              "-no-count",
+                              "",
+                              "08",
+                              "0x",
+                              "0XbB",
+                              " 5",
+                              "+5",
+                              "5 ",
+                              " -0",
+                              " -5",
+                              "-0",
+                              "12abc",
+                              "4294967297",
+                              "9223372036854775808",
+                              "18446744073709551617",
+                              "fast",
+                              "full",
+                              "f"};
 
 // What an option is set to.
 struct Setting {
@@ -93,6 +131,7 @@ std::string folded(const std::string& path) {
 
 bool isValid(const Declaration& declared, const std::string& text, std::int32_t number) {
   for (const char* const valid : declared.valid) {
+    if (valid == nullptr) continue; // matches no text
     if (declared.type == Type::Integer ? std::atoi(valid) == number : std::string(valid).starts_with(text))
       return true;
   }
@@ -186,7 +225,8 @@ int collect(const char* text, void* context) {
 
 std::int32_t enumerationOf(const Declaration& declared, const std::string& text) {
   for (std::size_t i = 0; i < declared.valid.size(); ++i) {
-    if (std::string(declared.valid[i]).starts_with(text)) return static_cast<std::int32_t>(i);
+    const char* const valid = declared.valid[i];
+    if (valid != nullptr && std::string(valid).starts_with(text)) return static_cast<std::int32_t>(i);
   }
   return -1;
 }

@@ -64,9 +64,6 @@ TEST_F(HashTable, StartsAndGrowsAsItsFlagsAndLevelsSay) {
 
 TEST_F(HashTable, SubTablesAppearWithTheFirstInsertion) {
   VeskHashTable* table = __VeskCreateHashTable(0, nullptr, 2, nullptr, nullptr, 0, 0);
-  EXPECT_EQ(__VeskLookupHashTable(table, 0x1234), nullptr);
-  EXPECT_EQ(__VeskRemoveHashTableEntry(table, 0x1234), nullptr);
-  EXPECT_EQ(table->buckets[0x12].head, nullptr);
   table->buckets[0x56].head = dataOf(1); // under creation by somebody: not there for these
   EXPECT_EQ(__VeskLookupHashTable(table, 0x5600), nullptr);
   EXPECT_EQ(__VeskRemoveHashTableEntry(table, 0x5600), nullptr);
@@ -78,8 +75,6 @@ TEST_F(HashTable, SubTablesAppearWithTheFirstInsertion) {
   __VeskRemoveHashTableEntry(table, 0x1234);
   __VeskRemoveHashTableEntry(table, 0x12FF);
   EXPECT_EQ(table->buckets[0x12].head, shared); // stays when it becomes empty
-  __VeskInsertHashTableEntry(table, 0x1334, dataOf(3));
-  EXPECT_NE(table->buckets[0x13].head, nullptr);
   __VeskDestroyHashTable(table, nullptr);
 }
 

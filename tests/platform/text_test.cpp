@@ -1,5 +1,4 @@
 #include <cerrno>
-#include <clocale>
 #include <set>
 #include <string>
 #include <thread>
@@ -11,7 +10,6 @@
 
 #include "support/child.h"
 #include "support/test_host.h"
-#include "veskrt/memory.h"
 #include "veskrt/text.h"
 
 namespace {

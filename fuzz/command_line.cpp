@@ -41,48 +41,44 @@ const Declaration kDeclarations[] = {
 };
 constexpr std::size_t kOptions = std::size(kDeclarations);
 
-const char* const kWords[] = {"-flag",
-                              "-no-flag",
-                              "-no-no-flag",
-                              "-count",
-                              "-level",
-                              "-name",
-                              "-names",
-                              "-word",
-                              "-mode",
-                              "-free",
-                              "-path",
-                              "-paths",
-                              "-no-",
-                              "-",
-                              "-other",
-                              "0x10",
-                              "010",
-                              "16",
-                              "2147483647",
-                              "2147483648",
-                              "0b1",
-                              "a//b",
-                              "fa",
-                              "al",
-                              "-no-count",
-                              "",
-                              "08",
-                              "0x",
-                              "0XbB",
-                              " 5",
-                              "+5",
-                              "5 ",
-                              " -0",
-                              " -5",
-                              "-0",
-                              "12abc",
-                              "4294967297",
-                              "9223372036854775808",
-                              "18446744073709551617",
-                              "fast",
-                              "full",
-                              "f"};
+const char* const kNames[] = {"-no-no-flag", "-no-", "-no-count", "-other", "-no-other", ""};
+const char* const kNumbers[] = {"0x10",
+                                "010",
+                                "16",
+                                "1",
+                                "2",
+                                "0b1",
+                                "08",
+                                "0x",
+                                "0XbB",
+                                " 5",
+                                "+5",
+                                "5 ",
+                                " -0",
+                                " -5",
+                                "-0",
+                                "12abc",
+                                "2147483647",
+                                "2147483648",
+                                "4294967297",
+                                "9223372036854775808",
+                                "18446744073709551617"};
+const char* const kTexts[] = {"a//b", "fa", "fast", "full", "f", "al", "alphabet", "beta", ""};
+
+// Mostly an option with a value of its type, since the first that is refused ends the parse.
+void takeArgument(fuzz::Input& input, std::vector<std::string>& arguments) {
+  const int kind = input.takeInRange(0, 7);
+  if (kind == 0) {
+    arguments.emplace_back(input.takeText(40).c_str());
+  } else if (kind == 1) {
+    arguments.emplace_back(input.pick(kNames));
+  } else {
+    const Declaration& declared = input.pick(kDeclarations);
+    arguments.emplace_back(declared.name);
+    if (declared.type == Type::Boolean || kind == 2) return;
+    arguments.emplace_back(declared.type == Type::Integer ? input.pick(kNumbers) : input.pick(kTexts));
+  }
+}
 
 // What an option is set to.
 struct Setting {
@@ -261,10 +257,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const std::int64_t before = fuzz::liveBlocks();
   fuzz::Input input(data, size);
   std::vector<std::string> arguments;
-  while (input.left() > 0 && arguments.size() < 64) {
-    const std::string bytes = input.takeBool() ? input.pick(kWords) : input.takeText(40);
-    arguments.emplace_back(bytes.c_str());
-  }
+  while (input.left() > 0 && arguments.size() < 64) takeArgument(input, arguments);
 
   const std::uint32_t parser = __VeskGetOptionParser("tool");
   declare(parser);

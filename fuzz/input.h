@@ -38,7 +38,7 @@ public:
   bool takeBool() { return (take<std::uint8_t>() & 1) != 0; }
 
   template <class T, std::size_t count>
-  T pick(const T (&choices)[count]) {
+  const T& pick(const T (&choices)[count]) {
     return choices[takeInRange<std::size_t>(0, count - 1)];
   }
 

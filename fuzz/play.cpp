@@ -9,6 +9,7 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <memory>
 #include <random>
 #include <string>
 #include <vector>
@@ -49,8 +50,9 @@ std::string changedSeeds(std::mt19937_64& random, const std::vector<std::string>
 
 // In a block of its own size, for the sanitizer.
 void play(const std::string& bytes) {
-  const std::vector<std::uint8_t> input(bytes.begin(), bytes.end());
-  LLVMFuzzerTestOneInput(input.data(), input.size());
+  const auto block = std::make_unique<std::uint8_t[]>(bytes.size());
+  std::copy(bytes.begin(), bytes.end(), block.get());
+  LLVMFuzzerTestOneInput(block.get(), bytes.size());
 }
 
 } // namespace

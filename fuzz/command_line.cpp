@@ -5,8 +5,7 @@
 #include <iterator>
 #include <vector>
 
-#include <fuzzer/FuzzedDataProvider.h>
-
+#include "fuzz/input.h"
 #include "fuzz/support.h"
 #include "options/records.h"
 #include "veskrt/options.h"
@@ -34,7 +33,7 @@ const Declaration kDeclarations[] = {
     {"-name", Type::String, false, {}},
     {"-names", Type::String, true, {}},
     {"-word", Type::String, false, {"alpha", "al", "beta"}},
-    {"-mode", Type::Enum, false, {"full", "fast", "none"}},
+    {"-mode", Type::Enum, false, {nullptr, "full", "fast", "none"}},
     {"-free", Type::Enum, false, {}},
     {"-path", Type::Path, false, {}},
     {"-paths", Type::Path, true, {}},
@@ -42,10 +41,44 @@ const Declaration kDeclarations[] = {
 };
 constexpr std::size_t kOptions = std::size(kDeclarations);
 
-const char* const kWords[] = {
-    "-flag",      "-no-flag",   "-no-no-flag", "-count", "-level", "-name",  "-names",    "-word", "-mode",
-    "-free",      "-path",      "-paths",      "-no-",   "-",      "-other", "0x10",      "010",   "16",
-    "2147483647", "2147483648", "0b1",         "a//b",   "fa",     "al",     "-no-count", ""};
+const char* const kNames[] = {"-no-no-flag", "-no-", "-no-count", "-other", "-no-other", ""};
+const char* const kNumbers[] = {"0x10",
+                                "010",
+                                "16",
+                                "1",
+                                "2",
+                                "0b1",
+                                "08",
+                                "0x",
+                                "0XbB",
+                                " 5",
+                                "+5",
+                                "5 ",
+                                " -0",
+                                " -5",
+                                "-0",
+                                "12abc",
+                                "2147483647",
+                                "2147483648",
+                                "4294967297",
+                                "9223372036854775808",
+                                "18446744073709551617"};
+const char* const kTexts[] = {"a//b", "fa", "fast", "full", "f", "al", "alphabet", "beta", ""};
+
+// Mostly an option with a value of its type, since the first that is refused ends the parse.
+void takeArgument(fuzz::Input& input, std::vector<std::string>& arguments) {
+  const int kind = input.takeInRange(0, 7);
+  if (kind == 0) {
+    arguments.emplace_back(input.takeText(40).c_str());
+  } else if (kind == 1) {
+    arguments.emplace_back(input.pick(kNames));
+  } else {
+    const Declaration& declared = input.pick(kDeclarations);
+    arguments.emplace_back(declared.name);
+    if (declared.type == Type::Boolean || kind == 2) return;
+    arguments.emplace_back(declared.type == Type::Integer ? input.pick(kNumbers) : input.pick(kTexts));
+  }
+}
 
 // What an option is set to.
 struct Setting {
@@ -94,6 +127,7 @@ std::string folded(const std::string& path) {
 
 bool isValid(const Declaration& declared, const std::string& text, std::int32_t number) {
   for (const char* const valid : declared.valid) {
+    if (valid == nullptr) continue; // matches no text
     if (declared.type == Type::Integer ? std::atoi(valid) == number : std::string(valid).starts_with(text))
       return true;
   }
@@ -187,7 +221,8 @@ int collect(const char* text, void* context) {
 
 std::int32_t enumerationOf(const Declaration& declared, const std::string& text) {
   for (std::size_t i = 0; i < declared.valid.size(); ++i) {
-    if (std::string(declared.valid[i]).starts_with(text)) return static_cast<std::int32_t>(i);
+    const char* const valid = declared.valid[i];
+    if (valid != nullptr && std::string(valid).starts_with(text)) return static_cast<std::int32_t>(i);
   }
   return -1;
 }
@@ -220,13 +255,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   fuzz::startRuntime();
   __VeskSetExitHandler(leave);
   const std::int64_t before = fuzz::liveBlocks();
-  FuzzedDataProvider input(data, size);
+  fuzz::Input input(data, size);
   std::vector<std::string> arguments;
-  while (input.remaining_bytes() > 0 && arguments.size() < 64) {
-    const std::string bytes =
-        input.ConsumeBool() ? input.PickValueInArray(kWords) : input.ConsumeRandomLengthString(40);
-    arguments.emplace_back(bytes.c_str());
-  }
+  while (input.left() > 0 && arguments.size() < 64) takeArgument(input, arguments);
 
   const std::uint32_t parser = __VeskGetOptionParser("tool");
   declare(parser);

@@ -11,8 +11,7 @@
 #include <sys/shm.h>
 #include <unistd.h>
 
-#include <fuzzer/FuzzedDataProvider.h>
-
+#include "fuzz/input.h"
 #include "fuzz/support.h"
 #include "veskrt/command_handler.hpp"
 
@@ -67,18 +66,17 @@ Channel* openChannel() {
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   static Channel* const channel = openChannel();
   VeskCommandSegment& segment = *channel->segment;
-  FuzzedDataProvider input(data, size);
-  const bool locked = input.ConsumeBool();
-  segment.initialised = input.ConsumeIntegral<std::uint32_t>();
-  segment.pending = input.ConsumeBool() ? input.ConsumeIntegralInRange(-1, VESK_MAX_PENDING_COMMANDS + 1)
-                                        : input.ConsumeIntegral<std::int32_t>();
+  fuzz::Input input(data, size);
+  const bool locked = input.takeBool();
+  segment.initialised = input.take<std::uint32_t>();
+  segment.pending =
+      input.takeBool() ? input.takeInRange(-1, VESK_MAX_PENDING_COMMANDS + 1) : input.take<std::int32_t>();
   const std::int32_t pending = segment.pending;
   auto* const bytes = reinterpret_cast<unsigned char*>(segment.records);
-  std::memset(bytes, input.ConsumeIntegral<std::uint8_t>(), sizeof segment.records);
-  while (input.remaining_bytes() > 0) {
-    const auto at = input.ConsumeIntegralInRange<std::size_t>(0, sizeof segment.records - 1);
-    const std::vector<std::uint8_t> piece =
-        input.ConsumeBytes<std::uint8_t>(std::min<std::size_t>(sizeof segment.records - at, 64));
+  std::memset(bytes, input.take<std::uint8_t>(), sizeof segment.records);
+  while (input.left() > 0) {
+    const auto at = input.takeInRange<std::size_t>(0, sizeof segment.records - 1);
+    const std::string piece = input.takeBytes(std::min<std::size_t>(sizeof segment.records - at, 64));
     std::copy(piece.begin(), piece.end(), bytes + at);
   }
 

@@ -1,27 +1,28 @@
 // Counted strings against std::string: texts of any bytes, and parts of the string itself.
-#include <fuzzer/FuzzedDataProvider.h>
-
-#include "fuzz/support.h"
 #include "veskrt/counted_string.h"
+#include "fuzz/input.h"
+#include "fuzz/support.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   using fuzz::require;
   const std::int64_t before = fuzz::liveBlocks();
-  FuzzedDataProvider input(data, size);
-  std::string model;
-  CountedString* const string =
-      __VeskStrAlloc(input.ConsumeIntegral<std::uint32_t>(), input.ConsumeIntegral<std::uint8_t>(), nullptr);
-  while (input.remaining_bytes() > 0 && model.size() < 100000) {
+  fuzz::Input input(data, size);
+  const auto category = input.take<std::uint32_t>();
+  const auto wanted = input.take<std::uint8_t>();
+  const bool empty = input.takeBool();
+  std::string model = empty ? "" : input.takeText(40).c_str();
+  CountedString* const string = __VeskStrAlloc(category, wanted, empty ? nullptr : model.c_str());
+  while (input.left() > 0 && model.size() < 100000) {
     const std::uint32_t capacity = string->capacity;
-    const bool append = input.ConsumeBool();
+    const bool append = input.takeBool();
     std::string text;
     const char* given;
-    if (input.ConsumeBool()) {
-      const auto from = input.ConsumeIntegralInRange<std::size_t>(0, model.size());
+    if (input.takeBool()) {
+      const auto from = input.takeInRange<std::size_t>(0, model.size());
       text = model.substr(from);
       given = string->buffer + from;
     } else {
-      text = input.ConsumeRandomLengthString(40).c_str();
+      text = input.takeText(40).c_str();
       given = text.c_str();
     }
     if (append) {

@@ -3,8 +3,7 @@
 #include <optional>
 #include <string_view>
 
-#include <fuzzer/FuzzedDataProvider.h>
-
+#include "fuzz/input.h"
 #include "fuzz/support.h"
 #include "veskrt/debug.h"
 
@@ -15,6 +14,20 @@ constexpr DbgMapEntry kMap[] = {
     {0x20, "DOTNET_API"}, {0x30, "DOTNET"}, {0x80000000, "high"}, {0x700000004, "WIDE"},
     {0x40, "no-name"},    {0x80, ""},       {0xFFFFFFFF, "ALL"},  {0, nullptr},
 };
+
+const char* const kWords[] = {"api",  "NO-Call", "no-dotnet", "dotnet_a", "dot",     "all",
+                              "none", "high",    "no-high",   "wide",     "no-name", "no-no-name",
+                              "no-",  "no",      "bogus",     "0x30",     "0",       ""};
+
+// Words or anything else, with commas in between, and now and then behind the last.
+std::string takeOption(fuzz::Input& input) {
+  std::string text;
+  for (int left = input.takeInRange(1, 4); left > 0; --left) {
+    text += input.takeBool() ? input.pick(kWords) : input.takeText(16).c_str();
+    if (left > 1 || input.takeInRange(0, 3) == 0) text += ',';
+  }
+  return text;
+}
 
 // One entry for each bit: a message of category i comes out if bit i is enabled.
 const DbgMapEntry* bitMap() {
@@ -73,12 +86,11 @@ bool applyTokens(std::string_view text, std::uint32_t& mask) {
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   fuzz::startRuntime();
-  FuzzedDataProvider input(data, size);
+  fuzz::Input input(data, size);
   std::uint32_t mask = 0;
   fuzz::require(__VeskDbgRegisterDbgMap(kMap) == 1 && __VeskParseDbgDumpOption("0x0") == 1);
-  while (input.remaining_bytes() > 0) {
-    const std::string bytes = input.ConsumeRandomLengthString(64);
-    const std::string text = bytes.c_str(); // up to its first zero
+  while (input.left() > 0) {
+    const std::string text = takeOption(input);
     const int understood = __VeskParseDbgDumpOption(text.c_str());
     if (text[0] != '0') {
       fuzz::require(understood == applyTokens(text, mask));

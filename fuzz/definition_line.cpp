@@ -1,11 +1,31 @@
 // Definition lines of any bytes, each in a block of its own size: nothing around it is touched, whatever is
 // kept is freed, and a line that counts as whole has all that a whole line has.
+#include <cctype>
 #include <cstring>
 #include <memory>
+#include <vector>
 
 #include "fuzz/support.h"
 #include "veskrt/annotations.h"
 #include "veskrt/memory.h"
+
+namespace {
+
+// Four fields, of which quotes join what they enclose, and the second has room for its own.
+bool isWhole(const std::string& line) {
+  std::vector<std::string> fields;
+  bool quoted = false, inside = false;
+  for (const char character : line) {
+    const bool ends = !quoted && std::isspace(static_cast<unsigned char>(character)) != 0;
+    if (!ends && !inside) fields.emplace_back();
+    inside = !ends;
+    if (!ends) fields.back() += character;
+    if (character == '"') quoted = !quoted;
+  }
+  return fields.size() == 4 && fields[1].size() >= 2;
+}
+
+} // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   fuzz::startRuntime();
@@ -15,6 +35,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   line[size] = '\0';
   VESK_QEL_DEFINITION definition = {};
   const int whole = __VeskQELParseDefinition(line.get(), &definition);
+  fuzz::require(whole == isWhole(std::string(reinterpret_cast<const char*>(data), size).c_str()));
   if (whole == 1) {
     fuzz::require(definition.name != nullptr && definition.modulePath != nullptr);
     fuzz::require(definition.hasValue == 1 && definition.location != nullptr);

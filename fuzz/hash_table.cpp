@@ -1,10 +1,10 @@
 // Hash tables of every kind against std::map, with scans whose callbacks use the table meanwhile.
 #include <map>
 #include <set>
+#include <unordered_map>
 #include <vector>
 
-#include <fuzzer/FuzzedDataProvider.h>
-
+#include "fuzz/input.h"
 #include "fuzz/support.h"
 #include "veskrt/hash_table.h"
 
@@ -27,7 +27,7 @@ struct Stored {
 
 class Player {
 public:
-  explicit Player(FuzzedDataProvider& input);
+  explicit Player(fuzz::Input& input);
   void play();
   void finish();
 
@@ -38,6 +38,7 @@ private:
   void checkLookup(std::uint64_t key);
   void insert(std::uint64_t key);
   void remove(std::uint64_t key);
+  void insertOrRemoveMany();
 
   std::uint64_t takeKey();
   std::uint64_t identity(std::uint64_t key) const { return comparing_ ? key % kClasses : key; }
@@ -60,12 +61,14 @@ private:
     std::set<std::uint64_t> visited;
   };
 
-  FuzzedDataProvider& input_;
+  fuzz::Input& input_;
   VeskHashTable* table_ = nullptr;
   bool comparing_;
   bool meddling_ = false; // callbacks may change the table
   std::map<std::uint64_t, Stored> model_;
+  std::unordered_map<std::uint64_t, std::uint64_t> identities_; // of what is stored, by the data
   std::uint64_t lastData_ = 0;
+  std::size_t most_ = 7000;                    // keys
   std::multiset<std::uint64_t> keysToRelease_; // of entries that have gone, in compare mode
   Scan* scan_ = nullptr;
   std::uint64_t acquired_ = 0;
@@ -75,15 +78,16 @@ private:
 
 Player* Player::current;
 
-Player::Player(FuzzedDataProvider& input) : input_(input), comparing_(input.ConsumeBool()) {
+Player::Player(fuzz::Input& input) : input_(input), comparing_(input.takeInRange(0, 3) == 0) {
   current = this;
   constexpr std::uint32_t kSizes[] = {0, VESK_HASH_TABLE_512_BUCKETS, VESK_HASH_TABLE_1024_BUCKETS};
-  const std::uint32_t flags = (input.ConsumeBool() ? VESK_HASH_TABLE_UNLOCKED : 0) |
-                              (comparing_ ? VESK_HASH_TABLE_COMPARE_KEYS : 0) |
-                              input.PickValueInArray(kSizes);
-  const std::int32_t levels = input.ConsumeIntegralInRange(0, 4);
+  const std::uint32_t flags = (input.takeBool() ? VESK_HASH_TABLE_UNLOCKED : 0) |
+                              (comparing_ ? VESK_HASH_TABLE_COMPARE_KEYS : 0) | input.pick(kSizes);
+  constexpr std::int32_t kLevels[] = {1, 1, 1, 0, 2, 3, 4};
+  const std::int32_t levels = input.pick(kLevels);
   const VeskHashFunction byClass[] = {hashClass, hashClassAbove, hashClassAbove};
-  const VeskHashFunction leaf = input.PickValueInArray<VeskHashFunction>({nullptr, hashToOne, hashMixed});
+  const VeskHashFunction leaf = input.pick<VeskHashFunction>({nullptr, nullptr, hashToOne, hashMixed});
+  if (leaf == hashToOne) most_ = 600;
   const VeskHashFunction plain[] = {leaf, nullptr, nullptr};
   table_ = __VeskCreateHashTable(
       flags, comparing_ ? byClass : plain, levels,
@@ -92,27 +96,27 @@ Player::Player(FuzzedDataProvider& input) : input_(input), comparing_(input.Cons
 }
 
 std::uint64_t Player::takeKey() {
-  switch (input_.ConsumeIntegralInRange(0, 3)) {
+  switch (input_.takeInRange(0, 3)) {
   case 0:
-    return input_.ConsumeIntegral<std::uint8_t>();
+    return input_.take<std::uint8_t>();
   case 1:
-    return input_.ConsumeIntegral<std::uint8_t>() * std::uint64_t{256};
+    return input_.take<std::uint8_t>() * std::uint64_t{256};
   case 2:
-    return std::uint64_t{input_.ConsumeIntegral<std::uint8_t>()} << input_.ConsumeIntegralInRange(0, 56);
+    return std::uint64_t{input_.take<std::uint8_t>()} << input_.takeInRange(0, 56);
   default:
-    return input_.ConsumeIntegral<std::uint64_t>();
+    return input_.take<std::uint64_t>();
   }
 }
 
 std::map<std::uint64_t, Stored>::iterator Player::findData(std::uint64_t data) {
-  auto place = model_.begin();
-  while (place != model_.end() && place->second.data != data) ++place;
-  return place;
+  const auto known = identities_.find(data);
+  return known != identities_.end() ? model_.find(known->second) : model_.end();
 }
 
 // An entry has gone, or is about to.
 void Player::drop(std::map<std::uint64_t, Stored>::iterator place) {
   if (comparing_) keysToRelease_.insert(place->second.key);
+  identities_.erase(place->second.data);
   model_.erase(place);
 }
 
@@ -123,8 +127,10 @@ void Player::releaseKey(uint64_t key) {
 }
 
 void Player::insert(std::uint64_t key) {
-  const std::uint64_t data = ++lastData_;
+  // Null is data like any other; but each is stored once, and visited once by a scan.
+  const std::uint64_t data = scan_ == nullptr && !identities_.contains(0) ? 0 : ++lastData_;
   const auto [place, isNew] = model_.try_emplace(identity(key), Stored{key, data});
+  if (isNew) identities_[data] = place->first;
   const std::uint64_t expected = place->second.data;
   require(reinterpret_cast<std::uint64_t>(
               __VeskInsertHashTableEntry(table_, key, reinterpret_cast<void*>(data))) == expected);
@@ -140,6 +146,22 @@ void Player::remove(std::uint64_t key) {
   require(reinterpret_cast<std::uint64_t>(__VeskRemoveHashTableEntry(table_, key)) == expected);
 }
 
+// Enough to make a leaf grow, and a large one thin.
+void Player::insertOrRemoveMany() {
+  constexpr std::uint64_t kSteps[] = {1, 256, (std::uint64_t{1} << 48) + 1, 0x9E3779B97F4A7C15};
+  const std::uint64_t step = input_.pick(kSteps);
+  const std::uint64_t start = input_.takeBool() ? 0 : takeKey();
+  const std::uint64_t count = input_.takeInRange(1, 16) * std::uint64_t{200};
+  const bool inserting = model_.size() + count < most_ && input_.takeInRange(0, 3) != 0;
+  for (std::uint64_t i = 0; i < count; ++i) {
+    if (inserting) {
+      insert(start + i * step);
+    } else {
+      remove(start + i * 3 * step);
+    }
+  }
+}
+
 uint32_t Player::acquire(void* data) {
   current->acquired_ = reinterpret_cast<std::uint64_t>(data);
   return 77;
@@ -151,7 +173,8 @@ void Player::checkLookup(std::uint64_t key) {
   require(reinterpret_cast<std::uint64_t>(__VeskLookupHashTable(table_, key)) == expected);
   void* data = table_;
   acquired_ = 0;
-  require(__VeskLookupAndAcquireHashTableDataItem(table_, key, acquire, &data) == (expected != 0 ? 77 : 1));
+  require(__VeskLookupAndAcquireHashTableDataItem(table_, key, acquire, &data) ==
+          (place != model_.end() ? 77 : 1));
   require(reinterpret_cast<std::uint64_t>(data) == expected && acquired_ == expected);
 }
 
@@ -188,17 +211,17 @@ uint32_t Player::release(void* data) {
 }
 
 void Player::scan(int depth) {
-  const bool remove = input_.ConsumeBool();
+  const bool remove = input_.takeBool();
   Scan scan = {.depth = depth,
                .remove = remove,
-               .hasRelease = input_.ConsumeBool(),
-               .selectModulus = input_.ConsumeIntegralInRange(1u, 4u),
-               .keepModulus = input_.ConsumeIntegralInRange(1u, 4u),
+               .hasRelease = input_.takeBool(),
+               .selectModulus = input_.takeInRange(1u, 4u),
+               .keepModulus = input_.takeInRange(1u, 4u),
                .visited = {}};
   Scan* const outer = scan_;
   scan_ = &scan;
   const bool outermost = outer == nullptr;
-  if (outermost) meddling_ = input_.ConsumeBool();
+  if (outermost) meddling_ = input_.takeBool();
   const std::size_t before = model_.size();
   std::uint32_t count = 0;
   const std::uint32_t removed =
@@ -218,9 +241,9 @@ void Player::emptyAll() {
                .remove = true,
                .hasRelease = true,
                .selectModulus = 1,
-               .keepModulus = input_.ConsumeIntegralInRange(1u, 4u),
+               .keepModulus = input_.takeInRange(1u, 4u),
                .visited = {}};
-  const bool asking = input_.ConsumeBool();
+  const bool asking = input_.takeBool();
   scan_ = &scan;
   if (!asking) {
     while (!model_.empty()) drop(model_.begin());
@@ -233,17 +256,13 @@ void Player::emptyAll() {
 }
 
 void Player::operate(int depth) {
-  switch (input_.ConsumeIntegralInRange(0, 7)) {
+  switch (input_.takeInRange(0, 7)) {
   case 0:
   case 1:
     insert(takeKey());
     break;
-  case 2: // enough to make a leaf grow
-    if (model_.size() < 3000) {
-      const std::uint64_t start = takeKey();
-      const std::uint64_t step = input_.ConsumeBool() ? 1 : 256;
-      for (std::uint64_t i = 0; i < 300; ++i) insert(start + i * step);
-    }
+  case 2:
+    insertOrRemoveMany();
     break;
   case 3:
     remove(takeKey());
@@ -264,7 +283,7 @@ void Player::operate(int depth) {
 }
 
 void Player::play() {
-  for (int i = 0; i < 60 && input_.remaining_bytes() > 0; ++i) {
+  for (int i = 0; i < 60 && input_.left() > 0; ++i) {
     operate(0);
     require(keysToRelease_.empty());
   }
@@ -289,7 +308,7 @@ void Player::finish() {
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   fuzz::startRuntime();
   const std::int64_t before = fuzz::liveBlocks();
-  FuzzedDataProvider input(data, size);
+  fuzz::Input input(data, size);
   Player player(input);
   player.play();
   player.finish();

@@ -2,8 +2,8 @@
 #include <map>
 #include <utility>
 
-#include <fuzzer/FuzzedDataProvider.h>
-
+#include "fuzz/chunks.h"
+#include "fuzz/input.h"
 #include "fuzz/support.h"
 #include "veskrt/set.h"
 
@@ -15,14 +15,14 @@ using Model = std::map<std::uint32_t, std::uint32_t>; // no multiplicity is 0
 constexpr int kSets = 3;
 constexpr std::uint32_t kMany = 1u << 30; // beyond which doubling would wrap
 
-std::uint32_t takeElement(FuzzedDataProvider& input) {
-  switch (input.ConsumeIntegralInRange(0, 2)) {
+std::uint32_t takeElement(fuzz::Input& input) {
+  switch (input.takeInRange(0, 2)) {
   case 0:
-    return input.ConsumeIntegral<std::uint8_t>();
+    return input.take<std::uint8_t>();
   case 1:
-    return UINT32_MAX - input.ConsumeIntegral<std::uint8_t>();
+    return UINT32_MAX - input.take<std::uint8_t>();
   default:
-    return input.ConsumeIntegral<std::uint32_t>();
+    return input.take<std::uint32_t>();
   }
 }
 
@@ -63,9 +63,9 @@ bool hasMany(const Model& model) {
   return false;
 }
 
-void uniteWithSet(MultiSet& multiset, Model& model, FuzzedDataProvider& input) {
+void uniteWithSet(MultiSet& multiset, Model& model, fuzz::Input& input) {
   Set set = {0, 9, nullptr};
-  for (auto left = input.ConsumeIntegralInRange(0, 6); left > 0; --left) {
+  for (auto left = input.takeInRange(0, 6); left > 0; --left) {
     const std::uint32_t element = takeElement(input);
     if (__VeskIsAnElementOfSet(&set, element) == 0) ++model[element];
     __VeskAddAnElementToSet(&set, element);
@@ -78,15 +78,15 @@ void uniteWithSet(MultiSet& multiset, Model& model, FuzzedDataProvider& input) {
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const std::int64_t before = fuzz::liveBlocks();
-  FuzzedDataProvider input(data, size);
+  fuzz::Input input(data, size);
   MultiSet sets[kSets] = {{0, 1, nullptr}, {0, 2, nullptr}, {0, 3, nullptr}};
   Model models[kSets];
-  while (input.remaining_bytes() > 0) {
-    const auto i = input.ConsumeIntegralInRange(0, kSets - 1);
-    const auto j = input.ConsumeIntegralInRange(0, kSets - 1);
-    const auto k = input.ConsumeIntegralInRange(0, kSets - 1);
+  while (input.left() > 0) {
+    const auto i = input.takeInRange(0, kSets - 1);
+    const auto j = input.takeInRange(0, kSets - 1);
+    const auto k = input.takeInRange(0, kSets - 1);
     const std::uint32_t element = takeElement(input);
-    switch (input.ConsumeIntegralInRange(0, 11)) {
+    switch (input.takeInRange(0, 11)) {
     case 0:
     case 1:
     case 2:
@@ -105,11 +105,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
       require(__VeskGetElementMultiplicity(&sets[i], element) == multiplicity(models[i], element));
       break;
     case 6:
-      (input.ConsumeBool() ? __VeskEmptyMultiSet : __VeskDestroyMultiSet)(&sets[i]);
+      (input.takeBool() ? __VeskEmptyMultiSet : __VeskDestroyMultiSet)(&sets[i]);
       models[i].clear();
       break;
     case 7:
-      __VeskConstructMultiSet(&sets[i], &sets[j]);
+      fuzz::expectChunksUsedAgain(sets[i], [&] { __VeskConstructMultiSet(&sets[i], &sets[j]); });
       models[i] = Model(models[j]);
       break;
     case 8:
@@ -118,11 +118,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
       break;
     case 9:
       if (hasMany(models[i]) || hasMany(models[j])) break;
+      if (i != j) sets[i].count = 0xFFFFFF;
       __VeskUnionMultiSet(&sets[i], &sets[j]);
       for (const auto& [each, count] : Model(models[j])) models[i][each] += count;
       break;
     case 10: {
-      __VeskIntersectMultiSet(&sets[i], &sets[j], &sets[k]);
+      if (i != j && i != k) sets[i].count = 0xFFFFFF; // counted anew
+      fuzz::expectChunksUsedAgain(sets[i], [&] { __VeskIntersectMultiSet(&sets[i], &sets[j], &sets[k]); });
       Model result;
       for (const auto& [each, count] : models[j])
         store(result, each, std::min(count, multiplicity(models[k], each)));
@@ -130,10 +132,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
       break;
     }
     default:
-      if (input.ConsumeBool()) {
+      if (input.takeBool()) {
         uniteWithSet(sets[i], models[i], input);
         break;
       }
+      if (i != j) sets[i].count = 0xFFFFFF;
       __VeskDifferenceMultiSet(&sets[i], &sets[j]);
       for (const auto& [each, count] : Model(models[j])) {
         const std::uint32_t had = multiplicity(models[i], each);

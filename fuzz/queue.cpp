@@ -2,8 +2,7 @@
 #include <algorithm>
 #include <deque>
 
-#include <fuzzer/FuzzedDataProvider.h>
-
+#include "fuzz/input.h"
 #include "fuzz/support.h"
 #include "veskrt/memory.h"
 #include "veskrt/queue.h"
@@ -33,16 +32,16 @@ void compare(const Queue& queue, const std::deque<std::uint64_t>& model) {
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   fuzz::startRuntime();
   const std::int64_t before = fuzz::liveBlocks();
-  FuzzedDataProvider input(data, size);
-  Queue* const queue = __VeskCreateQueue(input.ConsumeBool() ? VESK_QUEUE_THREAD_SAFE : 0, 5);
+  fuzz::Input input(data, size);
+  Queue* const queue = __VeskCreateQueue(input.takeBool() ? VESK_QUEUE_THREAD_SAFE : 0, 5);
   std::deque<std::uint64_t> model;
   std::uint32_t flag = 0;
-  while (input.remaining_bytes() > 0) {
-    switch (input.ConsumeIntegralInRange(0, 6)) {
+  while (input.left() > 0) {
+    switch (input.takeInRange(0, 6)) {
     case 0:
     case 1:
     case 2: {
-      const std::uint64_t value = input.ConsumeIntegralInRange(0, 40);
+      const std::uint64_t value = input.takeInRange(0, 40);
       __VeskEnqueue(queue, value);
       model.push_back(value);
       break;
@@ -55,10 +54,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     }
     case 4:
     case 5: {
-      const bool remove = input.ConsumeBool();
-      const bool any = input.ConsumeBool();
-      const auto modulus = input.ConsumeIntegralInRange(1u, 8u);
-      const auto residue = input.ConsumeIntegralInRange<std::uint64_t>(0, 8);
+      const bool remove = input.takeBool();
+      const bool any = input.takeBool();
+      const auto modulus = input.takeInRange(1u, 8u);
+      const auto residue = input.takeInRange<std::uint64_t>(0, 8);
       const auto found = std::find_if(model.begin(), model.end(), [&](std::uint64_t value) {
         return any || residueIs(modulus, residue, value) == 1;
       });
@@ -68,11 +67,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
       break;
     }
     default:
-      if (input.ConsumeBool()) {
+      if (input.takeBool()) {
         __VeskDestroyQueue(queue);
         model.clear();
       }
-      __VeskSetQueueFlag(queue, flag = input.ConsumeIntegral<std::uint8_t>());
+      __VeskSetQueueFlag(queue, flag = input.take<std::uint8_t>());
       break;
     }
     compare(*queue, model);

@@ -6,8 +6,7 @@
 #include <utility>
 #include <vector>
 
-#include <fuzzer/FuzzedDataProvider.h>
-
+#include "fuzz/input.h"
 #include "fuzz/support.h"
 #include "veskrt/range_table.h"
 
@@ -31,7 +30,7 @@ void noteItem(uint64_t item) { destroyedItems.insert(item); }
 
 class Player {
 public:
-  explicit Player(FuzzedDataProvider& input);
+  explicit Player(fuzz::Input& input);
   void operate();
   void check() const;
   void finish();
@@ -47,22 +46,29 @@ private:
 
   void insert();
   void lookUp(std::uint64_t address) const;
+  void checkBlock(const Block& block, std::uint64_t start, std::size_t count) const;
   void removeOne(bool destroying);
   void destroySpan();
   void removeFirst();
 
-  FuzzedDataProvider& input_;
+  fuzz::Input& input_;
   bool aligned_;
-  std::uint64_t base_; // of the addresses that are used
+  std::uint32_t scale_; // every start and end is a multiple of 2^scale
+  std::uint64_t arena_; // and below this
+  std::uint64_t base_;  // of the addresses that are used
   RangeTable* table_;
   Model model_;
   std::uint64_t lastItem_ = 0;
 };
 
-Player::Player(FuzzedDataProvider& input) : input_(input), aligned_(input.ConsumeBool()) {
-  constexpr std::uint64_t kBases[] = {0, 0x10000, 0x7FFFFFFFFFFFE000, UINT64_MAX - kArena + 1};
-  base_ = input.PickValueInArray(kBases);
-  const std::uint64_t span = input.ConsumeIntegral<std::uint64_t>() >> input.ConsumeIntegralInRange(0, 63);
+Player::Player(fuzz::Input& input)
+    : input_(input), aligned_(input.takeBool()), scale_(input.takeInRange(0, 3) == 0 ? 16 : 0),
+      arena_(kArena << scale_) {
+  constexpr std::uint64_t kBases[] = {0, 0x10000, 0x7FFFFFFFFFFFE000};
+  base_ = input.pick(kBases);
+  if (input.takeInRange(0, 3) == 0) base_ = UINT64_MAX - arena_ + 1;
+  // Large ranges need large blocks, lest there be too many.
+  const std::uint64_t span = scale_ != 0 ? arena_ : input.take<std::uint64_t>() >> input.takeInRange(0, 63);
   table_ = __VeskCreateRangeTable(span, 2, 1, aligned_ ? VESK_RANGE_TABLE_ALIGNED : 0, noteItem);
   const std::uint64_t largest = std::uint64_t{2} << table_->maxLevel;
   require(largest >= 32 && largest <= std::uint64_t{1} << 27);
@@ -98,13 +104,13 @@ bool Player::meetsAny(std::uint64_t start, std::uint64_t end) const {
 // ---- Operations ----
 
 std::uint64_t Player::takeAddress() {
-  const std::uint64_t address = base_ + input_.ConsumeIntegralInRange<std::uint64_t>(0, kArena - 1);
+  const std::uint64_t address = base_ + (input_.takeInRange<std::uint64_t>(0, kArena - 1) << scale_);
   return aligned_ ? address & ~std::uint64_t{31} : address;
 }
 
 std::uint64_t Player::takeLength() {
-  const std::uint64_t length =
-      input_.ConsumeIntegral<std::uint16_t>() >> input_.ConsumeIntegralInRange(2, 15);
+  const std::uint64_t units = input_.take<std::uint16_t>() >> input_.takeInRange(2, 15);
+  const std::uint64_t length = units << scale_;
   return aligned_ ? (length + 31) & ~std::uint64_t{31} : length;
 }
 
@@ -131,7 +137,7 @@ void Player::lookUp(std::uint64_t address) const {
 void Player::removeOne(bool destroying) {
   if (model_.empty()) return;
   auto place = model_.begin();
-  std::advance(place, input_.ConsumeIntegralInRange<std::size_t>(0, model_.size() - 1));
+  std::advance(place, input_.takeInRange<std::size_t>(0, model_.size() - 1));
   (destroying ? __VeskDestroyRangeTableEntry : __VeskRemoveRangeTableEntry)(table_, place->first,
                                                                             place->second.end);
   require(destroyedItems.size() == destroying && destroyedItems.count(place->second.item) == destroying);
@@ -141,9 +147,9 @@ void Player::removeOne(bool destroying) {
 void Player::destroySpan() {
   std::uint64_t base = takeAddress();
   std::uint64_t size = takeLength();
-  if (input_.ConsumeIntegralInRange(0, 7) == 0) { // far beyond what is stored
-    base = input_.ConsumeBool() ? 0 : base;
-    size = input_.ConsumeIntegral<std::uint64_t>();
+  if (input_.takeInRange(0, 7) == 0) { // far beyond what is stored
+    base = input_.takeBool() ? 0 : base;
+    size = input_.take<std::uint64_t>();
   }
   const std::uint64_t top = size > UINT64_MAX - base ? UINT64_MAX : base + size;
   if (model_.contains(0) && base < model_[0].end) return; // what begins at 0 is found or not
@@ -167,8 +173,8 @@ void Player::destroySpan() {
 }
 
 void Player::removeFirst() {
-  const std::uint64_t lo = input_.ConsumeIntegralInRange(0, 7) == 0 ? 0 : takeAddress();
-  const std::uint64_t hi = input_.ConsumeIntegralInRange(0, 7) == 0 ? UINT64_MAX : lo + takeLength();
+  const std::uint64_t lo = input_.takeInRange(0, 7) == 0 ? 0 : takeAddress();
+  const std::uint64_t hi = input_.takeInRange(0, 7) == 0 ? UINT64_MAX : lo + takeLength();
   std::map<Block, std::vector<std::uint64_t>> blocks; // to the starts of the ranges that touch them
   for (const auto& [start, range] : model_) {
     std::vector<Block> own;
@@ -200,24 +206,25 @@ void Player::removeFirst() {
 
 void Player::operate() {
   destroyedItems.clear();
-  switch (input_.ConsumeIntegralInRange(0, 9)) {
+  switch (input_.takeInRange(0, 9)) {
   case 0:
   case 1:
   case 2:
   case 3:
     return insert();
   case 4:
-    return lookUp(takeAddress() + input_.ConsumeIntegralInRange(0u, 31u));
+    return lookUp(takeAddress() + input_.takeInRange(0u, 31u));
   case 5:
-    return lookUp(input_.ConsumeIntegral<std::uint64_t>());
+    return lookUp(input_.take<std::uint64_t>());
   case 6:
-    return removeOne(input_.ConsumeBool());
+    return removeOne(input_.takeBool());
   case 7:
     return destroySpan();
-  case 8:
-    return removeFirst();
+  case 8: // reckoned in steps of 32 bytes
+    if (scale_ == 0) removeFirst();
+    return;
   default:
-    if (input_.ConsumeIntegralInRange(0, 3) != 0) return;
+    if (input_.takeInRange(0, 3) != 0) return;
     __VeskScanAndEmptyRangeTable(table_);
     require(destroyedItems.size() == model_.size());
     for (const auto& [start, range] : model_) require(destroyedItems.count(range.item) == 1);
@@ -225,7 +232,21 @@ void Player::operate() {
   }
 }
 
-// Both ends of every range, from inside and outside, and no block too many.
+// The block is stored for the range that begins there, which has so many.
+void Player::checkBlock(const Block& block, std::uint64_t start, std::size_t count) const {
+  const auto& [level, address] = block;
+  void* const stored = __VeskLookupHashTable(table_->levels[level - VESK_RANGE_TABLE_MIN_LEVEL], address);
+  const auto* entry = static_cast<const RangeTableEntry*>(stored);
+  if (level == VESK_RANGE_TABLE_MIN_LEVEL && !aligned_) {
+    const auto* link = static_cast<const RangeTableLink*>(stored);
+    while (link != nullptr && link->entry->start != start) link = link->next;
+    entry = link != nullptr ? link->entry : nullptr;
+  }
+  require(entry != nullptr && entry->start == start && entry->marker == UINT64_MAX &&
+          entry->refCount == count);
+}
+
+// Both ends of every range, from inside and outside, its blocks, and no block too many.
 void Player::check() const {
   std::set<Block> blocks;
   for (const auto& [start, range] : model_) {
@@ -235,6 +256,7 @@ void Player::check() const {
     lookUp(range.end);
     std::vector<Block> own;
     addBlocks(start, range.end, own);
+    for (const Block& block : own) checkBlock(block, start, own.size());
     blocks.insert(own.begin(), own.end());
   }
   for (std::uint32_t level = VESK_RANGE_TABLE_MIN_LEVEL; level <= table_->maxLevel; ++level) {
@@ -254,9 +276,9 @@ void Player::finish() {
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const std::int64_t before = fuzz::liveBlocks();
-  FuzzedDataProvider input(data, size);
+  fuzz::Input input(data, size);
   Player player(input);
-  for (int i = 0; i < 100 && input.remaining_bytes() > 0; ++i) {
+  for (int i = 0; i < 100 && input.left() > 0; ++i) {
     player.operate();
     player.check();
   }

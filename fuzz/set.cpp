@@ -2,10 +2,11 @@
 #include <algorithm>
 #include <iterator>
 #include <set>
+#include <utility>
 #include <vector>
 
-#include <fuzzer/FuzzedDataProvider.h>
-
+#include "fuzz/chunks.h"
+#include "fuzz/input.h"
 #include "fuzz/support.h"
 #include "veskrt/set.h"
 
@@ -16,16 +17,16 @@ using Model = std::set<std::uint32_t>;
 
 constexpr int kSets = 3;
 
-std::uint32_t takeElement(FuzzedDataProvider& input) {
-  switch (input.ConsumeIntegralInRange(0, 3)) {
+std::uint32_t takeElement(fuzz::Input& input) {
+  switch (input.takeInRange(0, 3)) {
   case 0:
-    return input.ConsumeIntegral<std::uint8_t>();
+    return input.take<std::uint8_t>();
   case 1:
-    return input.ConsumeIntegralInRange(0u, 15u) * 64 + input.ConsumeIntegralInRange(0u, 1u) * 63;
+    return input.takeInRange(0u, 15u) * 64 + input.takeInRange(0u, 1u) * 63;
   case 2:
-    return UINT32_MAX - input.ConsumeIntegral<std::uint8_t>();
+    return UINT32_MAX - input.take<std::uint8_t>();
   default:
-    return input.ConsumeIntegral<std::uint32_t>();
+    return input.take<std::uint32_t>();
   }
 }
 
@@ -68,15 +69,15 @@ void compareBoth(const Set& a, const Set& b, const Model& ma, const Model& mb) {
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const std::int64_t before = fuzz::liveBlocks();
-  FuzzedDataProvider input(data, size);
+  fuzz::Input input(data, size);
   Set sets[kSets] = {{0, 1, nullptr}, {0, 2, nullptr}, {0, 3, nullptr}};
   Model models[kSets];
-  while (input.remaining_bytes() > 0) {
-    const auto i = input.ConsumeIntegralInRange(0, kSets - 1);
-    const auto j = input.ConsumeIntegralInRange(0, kSets - 1);
-    const auto k = input.ConsumeIntegralInRange(0, kSets - 1);
+  while (input.left() > 0) {
+    const auto i = input.takeInRange(0, kSets - 1);
+    const auto j = input.takeInRange(0, kSets - 1);
+    const auto k = input.takeInRange(0, kSets - 1);
     const std::uint32_t element = takeElement(input);
-    switch (input.ConsumeIntegralInRange(0, 10)) {
+    switch (input.takeInRange(0, 10)) {
     case 0:
     case 1:
     case 2:
@@ -92,11 +93,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
               (models[i].contains(element) ? 1u << (element & 31) : 0));
       break;
     case 5:
-      (input.ConsumeBool() ? __VeskEmptySet : __VeskDestroySet)(&sets[i]);
+      (input.takeBool() ? __VeskEmptySet : __VeskDestroySet)(&sets[i]);
       models[i].clear();
       break;
     case 6:
-      __VeskConstructSet(&sets[i], &sets[j]);
+      fuzz::expectChunksUsedAgain(sets[i], [&] { __VeskConstructSet(&sets[i], &sets[j]); });
       models[i] = Model(models[j]);
       break;
     case 7:
@@ -104,14 +105,17 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
       if (i != j) models[i] = std::exchange(models[j], {});
       break;
     case 8:
+      if (i != j) sets[i].count = 0xFFFFFF;
       __VeskUnionSet(&sets[i], &sets[j]);
       models[i] = combine(kUnion, models[i], models[j]);
       break;
     case 9:
-      __VeskIntersectSet(&sets[i], &sets[j], &sets[k]);
+      if (i != j && i != k) sets[i].count = 0xFFFFFF; // counted anew
+      fuzz::expectChunksUsedAgain(sets[i], [&] { __VeskIntersectSet(&sets[i], &sets[j], &sets[k]); });
       models[i] = combine(kIntersection, models[j], models[k]);
       break;
     default:
+      if (i != j) sets[i].count = 0xFFFFFF;
       __VeskDifferenceSet(&sets[i], &sets[j]);
       models[i] = combine(kDifference, models[i], models[j]);
       break;

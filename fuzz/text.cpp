@@ -6,8 +6,7 @@
 #include <memory>
 #include <vector>
 
-#include <fuzzer/FuzzedDataProvider.h>
-
+#include "fuzz/input.h"
 #include "fuzz/support.h"
 #include "veskrt/memory.h"
 #include "veskrt/text.h"
@@ -106,12 +105,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   static const bool ready = std::setlocale(LC_ALL, "C.UTF-8") != nullptr;
   require(ready);
   const std::int64_t before = fuzz::liveBlocks();
-  FuzzedDataProvider input(data, size);
-  const std::size_t room = input.ConsumeIntegralInRange<std::size_t>(0, 40);
+  fuzz::Input input(data, size);
+  const std::size_t room = input.takeInRange<std::size_t>(0, 40);
   std::vector<wchar_t> wide;
-  for (std::size_t i = input.ConsumeIntegralInRange<std::size_t>(0, 4); i > 0; --i)
-    wide.push_back(static_cast<wchar_t>(input.ConsumeIntegral<std::uint32_t>()));
-  const std::string bytes = input.ConsumeRemainingBytesAsString();
+  for (std::size_t i = input.takeInRange<std::size_t>(0, 4); i > 0; --i)
+    wide.push_back(static_cast<wchar_t>(input.take<std::uint32_t>()));
+  const std::string bytes = input.takeBytes(SIZE_MAX);
   const std::string text = bytes.c_str(); // up to its first zero
   tryPaths(text);
   tryWhiteSpace(text);

@@ -2,8 +2,7 @@
 #include <algorithm>
 #include <vector>
 
-#include <fuzzer/FuzzedDataProvider.h>
-
+#include "fuzz/input.h"
 #include "fuzz/support.h"
 #include "veskrt/tree.h"
 
@@ -28,14 +27,14 @@ std::vector<std::uint64_t> destroyed; // items and keys, as they come
 void noteItem(uint64_t item) { destroyed.push_back(item); }
 void noteKey(uint64_t key) { destroyed.push_back(~key); }
 
-std::uint64_t takeKey(FuzzedDataProvider& input) {
-  switch (input.ConsumeIntegralInRange(0, 2)) {
+std::uint64_t takeKey(fuzz::Input& input) {
+  switch (input.takeInRange(0, 2)) {
   case 0:
-    return input.ConsumeIntegral<std::uint8_t>();
+    return input.take<std::uint8_t>();
   case 1:
-    return UINT64_MAX - input.ConsumeIntegralInRange(0u, 40u);
+    return UINT64_MAX - input.takeInRange(0u, 40u);
   default:
-    return input.ConsumeIntegral<std::uint64_t>();
+    return input.take<std::uint64_t>();
   }
 }
 
@@ -151,11 +150,11 @@ private:
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const std::int64_t before = fuzz::liveBlocks();
-  FuzzedDataProvider input(data, size);
-  Player player(input.PickValueInArray<VeskRedBlackComparator>({nullptr, inOrder, reversed, byHighBits}));
-  while (input.remaining_bytes() > 0) {
+  fuzz::Input input(data, size);
+  Player player(input.pick<VeskRedBlackComparator>({nullptr, inOrder, reversed, byHighBits}));
+  while (input.left() > 0) {
     const std::uint64_t key = takeKey(input);
-    switch (input.ConsumeIntegralInRange(0, 6)) {
+    switch (input.takeInRange(0, 6)) {
     case 0:
     case 1:
     case 2:

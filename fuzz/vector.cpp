@@ -1,8 +1,9 @@
 // Vectors against sparse maps with a size.
+#include <algorithm>
+#include <bitset>
 #include <map>
 
-#include <fuzzer/FuzzedDataProvider.h>
-
+#include "fuzz/input.h"
 #include "fuzz/support.h"
 #include "veskrt/memory.h"
 #include "veskrt/vector.h"
@@ -13,6 +14,7 @@ using fuzz::require;
 
 struct Model {
   std::map<std::uint32_t, std::uint64_t> elements;
+  std::bitset<VESK_VECTOR_PAGES> pages{1};
   std::uint32_t size = 0;
 
   std::uint64_t at(std::uint32_t index) const {
@@ -23,28 +25,39 @@ struct Model {
     const std::uint64_t old = at(index);
     if (index > VESK_VECTOR_MAX_INDEX) return 0;
     elements[index] = value;
+    pages.set(index / VESK_VECTOR_PAGE_SIZE);
     size = std::max(size, index + 1);
     return old;
   }
+  void raise(const Model& other) {
+    size = std::max(size, other.size);
+    for (const auto& [index, value] : other.elements) elements[index] = std::max(at(index), value);
+    for (std::uint32_t page = 0; page * VESK_VECTOR_PAGE_SIZE < size; ++page)
+      pages[page] = pages[page] || other.pages[page];
+    // The page of the next element, if that is its first.
+    if (size % VESK_VECTOR_PAGE_SIZE == 0 && size / VESK_VECTOR_PAGE_SIZE < VESK_VECTOR_PAGES)
+      pages.set(size / VESK_VECTOR_PAGE_SIZE);
+  }
 };
 
-std::uint32_t takeIndex(FuzzedDataProvider& input) {
-  switch (input.ConsumeIntegralInRange(0, 3)) {
+std::uint32_t takeIndex(fuzz::Input& input) {
+  switch (input.takeInRange(0, 3)) {
   case 0:
-    return input.ConsumeIntegral<std::uint8_t>();
+    return input.take<std::uint8_t>();
   case 1:
-    return input.ConsumeIntegralInRange(250u, 1030u);
+    return input.takeInRange(250u, 1030u);
   case 2:
-    return input.ConsumeIntegralInRange(VESK_VECTOR_MAX_INDEX - 300, VESK_VECTOR_MAX_INDEX + 2);
+    return input.takeInRange(VESK_VECTOR_MAX_INDEX - 300, VESK_VECTOR_MAX_INDEX + 2);
   default:
-    return input.ConsumeIntegral<std::uint32_t>();
+    return input.take<std::uint32_t>();
   }
 }
 
 void compare(const Vector& vector, const Model& model) {
   require(vector.size == model.size);
   for (std::uint32_t page = 0; page < VESK_VECTOR_PAGES; ++page) {
-    if (vector.pages[page] == nullptr) continue;
+    require((vector.pages[page] != nullptr) == model.pages[page]);
+    if (!model.pages[page]) continue;
     for (std::uint32_t i = 0; i < VESK_VECTOR_PAGE_SIZE; ++i)
       require(vector.pages[page][i] == model.at(page * VESK_VECTOR_PAGE_SIZE + i));
   }
@@ -57,19 +70,19 @@ void compare(const Vector& vector, const Model& model) {
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   constexpr int kVectors = 3;
   const std::int64_t before = fuzz::liveBlocks();
-  FuzzedDataProvider input(data, size);
+  fuzz::Input input(data, size);
   Vector embedded;
   Vector* vectors[kVectors] = {__VeskCreateVector(1), __VeskCreateVector(2),
                                __VeskInitializeVector(&embedded, 3)};
   require(vectors[2] == &embedded);
   Model models[kVectors];
-  while (input.remaining_bytes() > 0) {
-    const auto i = input.ConsumeIntegralInRange(0, kVectors - 1);
-    const auto j = input.ConsumeIntegralInRange(0, kVectors - 1);
+  while (input.left() > 0) {
+    const auto i = input.takeInRange(0, kVectors - 1);
+    const auto j = input.takeInRange(0, kVectors - 1);
     const std::uint32_t index = takeIndex(input);
-    switch (input.ConsumeIntegralInRange(0, 5)) {
+    switch (input.takeInRange(0, 5)) {
     case 0: {
-      const auto value = input.ConsumeIntegral<std::uint64_t>();
+      const auto value = input.take<std::uint64_t>();
       require(__VeskSetVectorElement(vectors[i], index, value) == models[i].store(index, value));
       break;
     }
@@ -82,9 +95,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
       break;
     case 3:
       __VeskMaxVector(vectors[i], vectors[j]);
-      for (const auto& [at, value] : Model(models[j]).elements)
-        models[i].elements[at] = std::max(models[i].at(at), value);
-      models[i].size = std::max(models[i].size, models[j].size);
+      models[i].raise(Model(models[j]));
       break;
     case 4:
       if (i == 2 || i == j) break; // not from __VeskCreateVector; gone by then
@@ -98,7 +109,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
       break;
     default:
       __VeskCopyVector(vectors[i], vectors[j]);
-      models[i] = Model(models[j]);
+      models[i] = {models[j].elements, models[i].pages | models[j].pages, models[j].size};
       break;
     }
     compare(*vectors[i], models[i]);

@@ -4,9 +4,9 @@
 #include <string_view>
 #include <vector>
 
-#include <fuzzer/FuzzedDataProvider.h>
 #include <pugixml.hpp>
 
+#include "fuzz/input.h"
 #include "fuzz/support.h"
 #include "veskrt/xml.h"
 
@@ -60,14 +60,14 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   static fuzz::MemoryFile target;
   static VeskXMLFile* const file = __VeskXMLCreateFile(target.path(), 0);
   target.take();
-  FuzzedDataProvider input(data, size);
+  fuzz::Input input(data, size);
   std::vector<Piece> pieces;
   __VeskXMLAcquireFile(file);
   __VeskXMLWriteOpeningTag(file, "record");
-  while (input.remaining_bytes() > 0) {
-    const auto kind = input.ConsumeIntegralInRange(0, 2);
-    const auto repetitions = input.ConsumeBool() ? 1 : input.ConsumeIntegralInRange(1, 3000);
-    const std::string unit = input.ConsumeRandomLengthString(64);
+  while (input.left() > 0) {
+    const auto kind = input.takeInRange(0, 2);
+    const auto repetitions = input.takeBool() ? 1 : input.takeInRange(1, 3000);
+    const std::string unit = input.takeText(64);
     std::string text;
     for (int i = 0; i < repetitions && pieces.size() < 8; ++i) text += unit.c_str();
     if (kind == 0) {

@@ -33,7 +33,7 @@ TEST(LockFile, HoldsOneRecordAtItsStart) {
   startRuntime();
   const auto endsWith = [](const char* text, const std::function<void()>& body) {
     EXPECT_EQ(runInChild(body).exitStatus, 255);
-    EXPECT_NE(readFile("vesklog.log").find(text), std::string::npos) << text;
+    EXPECT_EQ(logged(text), 1u) << text;
   };
   endsWith("Could not open lock file no/file (error 2)", [] { __VeskCreateLockFile("no/file", 0); });
   endsWith("failed to read from lock file", [&] { __VeskReadLockFile(-1, record); });
@@ -92,11 +92,7 @@ TEST(ProcessLaunch, AFailedChildLogsAndIsNoSecondParent) {
       failed += statusOf(launch({"/no/such/program"})) == VESK_LAUNCH_FAILED_STATUS;
     done = true;
     writer.join();
-    const std::string log = readFile("vesklog.log");
-    const std::string text = "failed to launch process /no/such/program ";
-    int records = 0;
-    for (std::size_t at = 0; (at = log.find(text, at)) != std::string::npos; ++at) ++records;
-    std::printf("%d failed, %d logged", failed, records);
+    std::printf("%d failed, %zu logged", failed, logged("failed to launch process /no/such/program "));
   });
   EXPECT_EQ(result.output, "written once;100 failed, 100 logged");
 }

@@ -1,10 +1,8 @@
 #include <algorithm>
 #include <atomic>
 #include <ctime>
-#include <functional>
 #include <string>
 #include <thread>
-#include <vector>
 
 #include <gtest/gtest.h>
 #include <printf.h>
@@ -13,6 +11,7 @@
 
 #include "support/child.h"
 #include "support/test_host.h"
+#include "support/threads.h"
 #include "veskrt/log.h"
 #include "veskrt/memory.h"
 #include "veskrt/runtime.h"
@@ -41,12 +40,6 @@ std::string record(int id, const char* source, const char* type, const char* sev
 }
 
 void note(const char* text) { __VeskLogInternal(VESKLOG_SEVERITY_INFO, VESKLOG_MSG_COMMENT, 0, "%s", text); }
-
-void runThreads(int count, const std::function<void(int)>& body) {
-  std::vector<std::thread> threads;
-  for (int t = 0; t < count; ++t) threads.emplace_back(body, t);
-  for (auto& thread : threads) thread.join();
-}
 
 } // namespace
 
@@ -130,7 +123,7 @@ TEST(Logger, FirstRecordsThatRaceAreAllKept) {
   constexpr int kThreads = 8;
   constexpr int kRecords = 50;
   std::atomic<int> arrived{0};
-  runThreads(kThreads, [&](int t) {
+  test::runThreads(kThreads, [&](int t) {
     for (++arrived; arrived < kThreads;) std::this_thread::yield();
     for (int i = 0; i < kRecords; ++i) {
       __VeskLogInternal(VESKLOG_SEVERITY_ERROR, VESKLOG_MSG_INTERNAL, 0, "%d/%d", t, i);
@@ -154,7 +147,7 @@ TEST(Logger, HandlesRunOutAndGiveTheirNamesBack) {
   test::startRuntime();
   ASSERT_EQ(__VeskCreateLogger("tool", "tool.log", 0), 1);
   std::atomic<int> sum{0};
-  runThreads(4, [&](int) { // the last five are refused
+  test::runThreads(4, [&](int) { // the last five are refused
     for (int i = 0; i < 5; ++i) sum += __VeskGetLoggerHandle("tool");
   });
   EXPECT_EQ(sum, 15 * 16 / 2 - 5);
@@ -164,7 +157,7 @@ TEST(Logger, HandlesRunOutAndGiveTheirNamesBack) {
   for (const int32_t handle : {0, -1, 16}) EXPECT_EQ(__VeskReleaseLoggerHandle(handle, "veskrt"), 0);
   EXPECT_EQ(__VeskReleaseLoggerHandle(3, "too"), 0);
   std::atomic<int> released{0};
-  runThreads(3, [&](int t) { // one reads the name while the others release it
+  test::runThreads(3, [&](int t) { // one reads the name while the others release it
     for (int i = 0; i < 20; ++i) {
       if (t != 0) released += __VeskReleaseLoggerHandle(3, "tool-x");
       __VeskLogInternal(VESKLOG_SEVERITY_INFO, type, 0, nullptr);
@@ -195,15 +188,15 @@ TEST(Logger, ClosesAndReplacesTheFile) {
 TEST(Logger, AChildOfAForkGoesOnLogging) {
   test::startRuntime();
   note("first");
-  constexpr int kChildren = 40;
+  constexpr std::size_t kChildren = 40;
   std::atomic<bool> stop{false};
-  std::atomic<int> written{0};
-  runThreads(3, [&](int t) {
+  std::atomic<std::size_t> written{0};
+  test::runThreads(3, [&](int t) {
     for (; t != 0 && !stop; ++written) {
       __VeskLogInternal(VESKLOG_SEVERITY_INFO, VESKLOG_MSG_INTERNAL, 0, "parent");
       usleep(10); // the lock is not fair
     }
-    for (int i = 0; t == 0 && i < kChildren; ++i) {
+    for (std::size_t i = 0; t == 0 && i < kChildren; ++i) {
       const pid_t pid = fork();
       if (pid == 0) {
         alarm(20);
@@ -216,15 +209,9 @@ TEST(Logger, AChildOfAForkGoesOnLogging) {
     }
     stop = true;
   });
-  const std::string text = test::readFile("vesklog.log");
-  const auto count = [&](const std::string& part) {
-    int n = 0;
-    for (std::size_t at = 0; (at = text.find(part, at)) != std::string::npos; ++at) ++n;
-    return n;
-  };
-  EXPECT_EQ(count("\n\t<!-- child -->"), kChildren);
-  EXPECT_EQ(count("<msg "), written);
-  EXPECT_EQ(count("\n\t\t<!-- parent -->\n\t</msg>"), written);
+  EXPECT_EQ(test::logged("\n\t<!-- child -->"), kChildren);
+  EXPECT_EQ(test::logged("<msg "), written);
+  EXPECT_EQ(test::logged("\n\t\t<!-- parent -->\n\t</msg>"), written);
 }
 
 // A conversion of the program's own logs while the library formats a record with it.

@@ -75,23 +75,6 @@ TEST_F(XmlFile, WritesTagsAttributesAndElements) {
   EXPECT_EQ(body(), expected + "\n\t<n>1</n>");
 }
 
-TEST_F(XmlFile, CutsLongTextsWithoutCuttingEntities) {
-  std::string entities;
-  for (int i = 0; i < 13107; ++i) entities += "&amp;";
-  const std::string a(65530, 'a');
-  std::string expected;
-  for (const auto& [value, content] : {std::pair(std::string(70000, '&'), entities),
-                                       {a + "&b", a + "&amp;"},
-                                       {a + "a&b", a + "a"},
-                                       {a + "aaaaabc", a + "aaaaa"}}) {
-    __VeskXMLWriteStringElement(file, "v", value.c_str());
-    expected += "\n<v>" + content + "</v>";
-  }
-  __VeskXMLWriteComment(file, "%s", std::string(70000, 'c').c_str());
-  expected += "\n<!-- " + std::string(65534, 'c') + " -->";
-  EXPECT_TRUE(body() == expected);
-}
-
 TEST_F(XmlFile, ARecordIsOneWrite) {
   const std::string longValue(65535, 'x');
   std::string expected = "\n<record>\n\t<v>" + longValue + "</v>";

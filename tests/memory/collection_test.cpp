@@ -39,12 +39,7 @@ namespace {
 
 constexpr uint64_t kGiB = uint64_t{1} << 30;
 
-size_t logged(const std::string& piece) {
-  const std::string log = test::readFile("vesklog.log");
-  size_t n = 0;
-  for (size_t at = 0; (at = log.find(piece, at)) != std::string::npos; ++at) ++n;
-  return n;
-}
+using test::logged;
 
 struct Collection : testing::Test {
   void SetUp() override { test::startRuntime(); }

@@ -1,12 +1,11 @@
 #include <cstring>
 #include <string>
-#include <thread>
-#include <vector>
 
 #include <gtest/gtest.h>
 
 #include "support/child.h"
 #include "support/test_host.h"
+#include "support/threads.h"
 #include "veskrt/log.h"
 #include "veskrt/memory.h"
 
@@ -27,28 +26,22 @@ TEST(Categories, AreHandedOutUntilTheTableIsFull) {
   EXPECT_EQ(__VeskGetNumMemoryCategories(), 1u);
   EXPECT_STREQ(info(0).name, "VESK_MISC");
   EXPECT_EQ(__VeskRegisterMemoryCategory(nullptr), VESK_INVALID_ID);
-  EXPECT_NE(test::readFile("vesklog.log")
-                .find("<!-- A name must be specified when registering memory categories -->"),
-            std::string::npos);
+  EXPECT_EQ(test::logged("<!-- A name must be specified when registering memory categories -->"), 1u);
   EXPECT_EQ(__VeskRegisterMemoryCategory("0123456789012345678901234567890123456789"), 1u);
   EXPECT_STREQ(info(1).name, "0123456789012345678901234567890");
 
-  std::vector<std::thread> threads; // 70 requests for the 62 that are left
   std::atomic<int> refused{0};
   std::atomic<uint64_t> given{0};
-  for (int t = 0; t < 7; ++t) {
-    threads.emplace_back([&] {
-      for (int i = 0; i < 10; ++i) {
-        const uint32_t id = __VeskRegisterMemoryCategory("same");
-        if (id == VESK_INVALID_ID) {
-          ++refused;
-        } else {
-          given |= uint64_t{1} << id;
-        }
+  test::runThreads(7, [&](int) { // 70 requests for the 62 that are left
+    for (int i = 0; i < 10; ++i) {
+      const uint32_t id = __VeskRegisterMemoryCategory("same");
+      if (id == VESK_INVALID_ID) {
+        ++refused;
+      } else {
+        given |= uint64_t{1} << id;
       }
-    });
-  }
-  for (auto& thread : threads) thread.join();
+    }
+  });
   EXPECT_EQ(refused, 8);
   EXPECT_EQ(given, ~uint64_t{3});
   EXPECT_EQ(__VeskGetNumMemoryCategories(), 64u);
@@ -94,29 +87,15 @@ TEST(Statistics, EveryHundredthSlabDumpsIntoTheLog) {
   test::startRuntime();
   const uint32_t mine = __VeskRegisterMemoryCategory("MINE");
   __VeskEnableMemoryStatisticsCollection();
-  const auto dumps = [] {
-    const std::string log = test::readFile("vesklog.log");
-    size_t n = 0;
-    for (size_t at = 0; (at = log.find("<!-- Periodic allocation status dump -->", at)) != std::string::npos;
-         ++at)
-      ++n;
-    return n;
-  };
+  const auto dumps = [] { return test::logged("<!-- Periodic allocation status dump -->"); };
   for (int i = 0; i < 99; ++i) __VeskMalloc(mine, kHalfSlab, 0), __VeskMalloc(mine, kHalfSlab, 0);
   EXPECT_EQ(dumps(), 0u);
   __VeskMalloc(mine, kHalfSlab, 0);
   EXPECT_EQ(dumps(), 1u);
-  const std::string log = test::readFile("vesklog.log");
-  EXPECT_NE(log.find("<!-- Allocation status for VESK_MISC                :"), std::string::npos);
-  EXPECT_NE(log.find("<!-- Allocation status for MINE                     :        6553600 -->"),
-            std::string::npos);
-
-  std::vector<std::thread> threads;
-  for (int t = 0; t < 4; ++t) {
-    threads.emplace_back([&] {
-      for (int i = 0; i < 100; ++i) __VeskMalloc(mine, kHalfSlab, 0);
-    });
-  }
-  for (auto& thread : threads) thread.join();
+  EXPECT_EQ(test::logged("<!-- Allocation status for VESK_MISC                :"), 1u);
+  EXPECT_EQ(test::logged("<!-- Allocation status for MINE                     :        6553600 -->"), 1u);
+  test::runThreads(4, [&](int) {
+    for (int i = 0; i < 100; ++i) __VeskMalloc(mine, kHalfSlab, 0);
+  });
   EXPECT_GE(dumps(), 2u);
 }

@@ -5,13 +5,13 @@
 #include <map>
 #include <random>
 #include <set>
-#include <thread>
 #include <vector>
 
 #include <gtest/gtest.h>
 
 #include "support/child.h"
 #include "support/test_host.h"
+#include "support/threads.h"
 #include "veskrt/log.h"
 #include "veskrt/runtime.h"
 
@@ -23,12 +23,6 @@ uint64_t allocationsOf(const std::function<void()>& body) {
   const uint64_t before = test::host().allocations;
   body();
   return test::host().allocations - before;
-}
-
-size_t count(const std::string& text, const std::string& piece) {
-  size_t n = 0;
-  for (size_t at = text.find(piece); at != std::string::npos; at = text.find(piece, at + 1)) ++n;
-  return n;
 }
 
 struct SubAllocator : testing::Test {
@@ -119,9 +113,7 @@ TEST_F(SubAllocator, DoubleFreeIsLoggedAndHarmless) {
   __VeskFree(chunk);
   __VeskFree(chunk);
   __VeskFree(chunk);
-  EXPECT_EQ(count(test::readFile("vesklog.log"),
-                  "<!-- Tried to free a memory chunk that has already been freed -->"),
-            2u);
+  EXPECT_EQ(test::logged("<!-- Tried to free a memory chunk that has already been freed -->"), 2u);
   EXPECT_EQ(__VeskMalloc(0, 100, 0), chunk);
   void* third = __VeskMalloc(0, 100, 0);
   EXPECT_NE(third, chunk);
@@ -162,26 +154,21 @@ TEST_F(SubAllocator, BlocksNeverOverlapAndEverythingComesBack) {
 }
 
 TEST_F(SubAllocator, ThreadsFreeWhatOthersAllocated) {
-  constexpr int kThreads = 6;
   const int64_t blocks = test::host().liveBlocks;
   std::vector<std::atomic<uint64_t*>> mailboxes(64);
-  std::vector<std::thread> threads;
   std::atomic<int> damaged{0};
-  for (int t = 0; t < kThreads; ++t) {
-    threads.emplace_back([&, t] {
-      std::mt19937 random(t);
-      for (int i = 0; i < 15000; ++i) {
-        const uint32_t size = 8 + random() % 4 * 3000;
-        auto* block = static_cast<uint64_t*>(__VeskMalloc(random() % 2, size, 0));
-        block[0] = reinterpret_cast<uintptr_t>(block);
-        uint64_t* taken = mailboxes[random() % mailboxes.size()].exchange(block);
-        if (taken == nullptr) continue;
-        damaged += taken[0] != reinterpret_cast<uintptr_t>(taken);
-        __VeskFree(taken);
-      }
-    });
-  }
-  for (auto& thread : threads) thread.join();
+  test::runThreads(6, [&](int t) {
+    std::mt19937 random(t);
+    for (int i = 0; i < 15000; ++i) {
+      const uint32_t size = 8 + random() % 4 * 3000;
+      auto* block = static_cast<uint64_t*>(__VeskMalloc(random() % 2, size, 0));
+      block[0] = reinterpret_cast<uintptr_t>(block);
+      uint64_t* taken = mailboxes[random() % mailboxes.size()].exchange(block);
+      if (taken == nullptr) continue;
+      damaged += taken[0] != reinterpret_cast<uintptr_t>(taken);
+      __VeskFree(taken);
+    }
+  });
   for (auto& mailbox : mailboxes) __VeskFree(mailbox.load());
   EXPECT_EQ(damaged, 0);
   EXPECT_LE(test::host().liveBlocks, blocks + 8); // a last slab for each of the eight rows

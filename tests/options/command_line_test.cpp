@@ -42,18 +42,6 @@ struct CommandLine : testing::Test {
 
 } // namespace
 
-TEST_F(CommandLine, SetsOptionsInAnyOrder) {
-  const uint32_t dash = __VeskRegisterBooleanOption(parser, "-", "", 1, 0, 1);
-  const uint32_t odd = __VeskRegisterBooleanOption(parser, "-no-cache", "", 1, 0, 1);
-  EXPECT_EQ(parse({"-out", "x//y", "-verbose", "-name", "", "-level", "0x10", "-out", "z", "-name", "n"}), 1);
-  EXPECT_EQ(__VeskGetBooleanOptionValue(parser, verbose), 1);
-  EXPECT_EQ(__VeskGetIntegerOptionValue(parser, level), 16);
-  EXPECT_STREQ(__VeskGetPathOptionArgumentValue(parser, out, 2), "z");
-  EXPECT_EQ(parse({"-no-verbose", "-no-no-cache", "-no-"}), 1);
-  for (auto option : {verbose, odd, dash}) EXPECT_EQ(__VeskGetBooleanOptionValue(parser, option), 0);
-  EXPECT_EQ(parse({"-no-cache"}), 0) << "negates -cache, which is not there";
-}
-
 TEST_F(CommandLine, StopsAtTheFirstRefusalAndLogsIt) {
   const auto refused = [this](Arguments arguments, const std::string& type, const std::string& details) {
     const std::string argument = arguments[0];
@@ -76,18 +64,6 @@ TEST_F(CommandLine, StopsAtTheFirstRefusalAndLogsIt) {
   refused({"-out", "-x"}, "BAD_ARGUMENT", "No arguments for command line option: -out");
   refused({"-name"}, "BAD_ARGUMENT", "No arguments for command line option: -name");
   refused({"-level", "12abc"}, "BAD_ARGUMENT", "Bad integer value: 12abc for command line option: -level");
-}
-
-TEST_F(CommandLine, ConvertsIntegers) {
-  for (const auto& [text, value] :
-       {std::pair("010", 8), {"0XbB", 187}, {" 5", 5}, {"+5", 5}, {" -0", 0}, {"0x7fffffff", 2147483647}}) {
-    EXPECT_EQ(parse({"-level", text}), 1) << text;
-    EXPECT_EQ(__VeskGetIntegerOptionValue(parser, level), value) << text;
-  }
-  for (const char* text : {"", "0x", "08", "0b11", "5 ", " -5", "2147483648", "4294967297",
-                           "9223372036854775808", "18446744073709551617", "-0"}) {
-    EXPECT_EQ(parse({"-level", text}), 0) << text;
-  }
 }
 
 TEST_F(CommandLine, HelpListsDefaultsAndTheLogValues) {

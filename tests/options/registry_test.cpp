@@ -1,17 +1,16 @@
 #include <atomic>
 #include <string>
-#include <thread>
-#include <vector>
 
 #include <gtest/gtest.h>
 
 #include "support/child.h"
 #include "support/test_host.h"
+#include "support/threads.h"
 #include "veskrt/options.h"
 
 namespace {
 
-bool logHolds(const char* text) { return test::readFile("vesklog.log").find(text) != std::string::npos; }
+bool logHolds(const char* text) { return test::logged(text) != 0; }
 
 uint32_t newBoolean(uint32_t p) { return __VeskRegisterBooleanOption(p, "-b", "", 5, 0, 1); }
 uint32_t newInteger(uint32_t p) { return __VeskRegisterIntegerOption(p, "-i", "", 7, 0, 1); }
@@ -25,12 +24,8 @@ uint32_t newPaths(uint32_t p) { return __VeskRegisterPathOption(p, "-p", "", "x/
 
 TEST(Values, AreTheDefaultUntilSet) {
   test::startRuntime();
-  const uint32_t p = __VeskGetOptionParser("tool"), b = newBoolean(p), s = newString(p), paths = newPaths(p);
-  EXPECT_EQ(__VeskGetBooleanOptionValue(p, b), 1);
+  const uint32_t p = __VeskGetOptionParser("tool"), s = newString(p), paths = newPaths(p);
   EXPECT_STREQ(__VeskGetPathOptionValue(p, paths), "x/y/z");
-  EXPECT_EQ(__VeskGetPathOptionArgumentValue(p, paths, 2), nullptr);
-  EXPECT_FALSE(logHolds("does not have an argument"));
-
   __VeskSetStringOption(p, s, "first and last");
   __VeskSetStringOption(p, s, __VeskGetStringOptionValue(p, s) + 10); // out of what it replaces
   EXPECT_STREQ(__VeskGetStringOptionValue(p, s), "last");
@@ -40,7 +35,7 @@ TEST(Values, AreTheDefaultUntilSet) {
   std::string seen;
   const auto visit = [](const char* text, void* context) {
     *static_cast<std::string*>(context) += std::string(text) + ";";
-    return 1 - __VeskSetPathOption(0, 2, "more"); // comes too late for this round
+    return 1 - __VeskSetPathOption(0, 1, "more"); // comes too late for this round
   };
   __VeskProcessAppendOptionValues(p, paths, visit, &seen);
   EXPECT_EQ(seen, "") << "the default is no value";
@@ -48,19 +43,6 @@ TEST(Values, AreTheDefaultUntilSet) {
   __VeskProcessAppendOptionValues(p, paths, visit, &seen);
   EXPECT_EQ(seen, "a/b;c/;a/b;");
   EXPECT_EQ(__VeskGetOptionNumberOfArguments(p, paths), 6u);
-}
-
-TEST(Values, AreTheBeginningsOfValidArguments) {
-  test::startRuntime();
-  const uint32_t p = __VeskGetOptionParser("tool"), m = newEnum(p);
-  EXPECT_EQ(__VeskGetStringOptionEnumValue(p, m), -1) << "no text";
-  __VeskSetValidStringOptionArgument(p, m, nullptr); // matches no text
-  __VeskSetValidStringOptionArgumentWithEnum(p, m, "full", 3);
-  __VeskSetValidStringOptionArgumentWithEnum(p, m, "fast", 4);
-  for (const auto& [text, value] : {std::pair("", 3), {"f", 3}, {"full", 3}, {"fa", 4}}) {
-    __VeskSetStringOption(p, m, text);
-    EXPECT_EQ(__VeskGetStringOptionEnumValue(p, m), value) << text;
-  }
 }
 
 TEST(Misuse, EndsTheProcessAndSaysWhyInTheLog) {
@@ -97,20 +79,16 @@ TEST(Misuse, EndsTheProcessAndSaysWhyInTheLog) {
 TEST(Tables, HandOutEachSlotOnceToAnyNumberOfThreads) {
   test::startRuntime();
   std::atomic<uint32_t> parsers{0}, options{0}, lost{0};
-  std::vector<std::thread> threads;
-  for (int t = 0; t < 4; ++t) {
-    threads.emplace_back([&, t] {
-      for (int i = 0; i < 70; ++i) {
-        if (__VeskGetOptionParser("tool") != VESK_INVALID_ID) ++parsers;
-        const std::string name = "-" + std::to_string(t) + "." + std::to_string(i);
-        if (newString(0, name.c_str()) == VESK_INVALID_ID) continue;
-        ++options;
-        const char* const argv[] = {name.c_str(), "c"}; // looks through what the others are registering
-        if (__VeskParseOptions2(0, 2, argv) != 1) ++lost;
-      }
-    });
-  }
-  for (auto& thread : threads) thread.join();
+  test::runThreads(4, [&](int t) {
+    for (int i = 0; i < 70; ++i) {
+      if (__VeskGetOptionParser("tool") != VESK_INVALID_ID) ++parsers;
+      const std::string name = "-" + std::to_string(t) + "." + std::to_string(i);
+      if (newString(0, name.c_str()) == VESK_INVALID_ID) continue;
+      ++options;
+      const char* const argv[] = {name.c_str(), "c"}; // looks through what the others are registering
+      if (__VeskParseOptions2(0, 2, argv) != 1) ++lost;
+    }
+  });
   EXPECT_EQ(parsers, 16u);
   EXPECT_EQ(options, 256u);
   EXPECT_EQ(lost, 0u);

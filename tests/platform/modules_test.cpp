@@ -1,6 +1,3 @@
-#include <map>
-#include <random>
-
 #include <gtest/gtest.h>
 #include <sys/mman.h>
 #include <unistd.h>
@@ -32,30 +29,6 @@ TEST(ModuleMap, HasElevenLevelsAtMostAndFallsWhenTheyEmpty) {
   EXPECT_EQ(load(0x1000, 0), 0) << "the tall entries are still there";
   for (uint64_t i = 0; i < 60; ++i) __VeskUnloadModule(0, (i < 30 ? 0x1000 : 0x2000) + i % 30);
   EXPECT_EQ(load(0x1000, 0), 10) << "from the bottom again";
-}
-
-TEST(ModuleMap, AgreesWithAnOrderedMap) {
-  test::installHost();
-  std::mt19937 random(7);
-  std::map<uint64_t, std::pair<uint64_t, uint64_t>> expected; // start: end, handle
-  for (uint64_t step = 5000; step < 45000; ++step) {          // first mostly removals
-    randResult = static_cast<int>(random() >> 1);
-    const uint64_t start = 0x10000 + random() % 300 * 8;
-    if (random() % 3 < (step % 10000 < 5000 ? 2u : 1u)) {
-      const uint64_t end = start + 1 + random() % 8;
-      EXPECT_NE(__VeskLoadModule(step, start, end), nullptr);
-      expected.emplace(start, std::pair(end, step)); // the first registration stands
-    } else {
-      __VeskUnloadModule(0, start);
-      expected.erase(start);
-    }
-    const uint64_t address = 0xFFFF + random() % 2500;
-    uint64_t handle = 0;
-    auto below = expected.lower_bound(address);
-    const bool found = below != expected.begin() && (--below)->second.first > address;
-    ASSERT_EQ(__VeskGetModuleForVariable(address, &handle), found ? below->first : 0) << step;
-    ASSERT_EQ(handle, found ? below->second.second : 0) << step;
-  }
 }
 
 TEST(Mappings, AreFoundWithTheirEndIncluded) {

@@ -18,25 +18,16 @@ uint32_t count(const std::string& stat, const std::string& cpuinfo) {
   return vesk::countProcessors("stat", "cpuinfo");
 }
 
-// A line of a length whose rest, beyond a buffer of 1,024 bytes, reads as the beginning of another.
-std::string line(std::string text, size_t length, const std::string& rest) {
-  text.resize(1023, ' ');
-  while (text.size() < length) text += rest;
-  return text.substr(0, length - 1) + "\n";
-}
-
 } // namespace
 
 TEST(Processors, AreCountedByLines) {
   EXPECT_EQ(count("", ""), 0u);
   const std::string three = "cpu  1 2 3\ncpu0 1 1\ncpu1 1 1\ncpu12 1 1\n";
-  const std::string entry = "processor : 0\n" + line("flags", 4000, "processor ") + "\n";
+  // A line longer than the buffer, whose rest reads as the beginning of another.
+  const std::string entry = "processor : 0\n" + std::string(1023, 'f') + "processor\n\n";
   EXPECT_EQ(count(three + "intr 5\ncpu3 1\n", entry), 3u);
   EXPECT_EQ(count(three + "cpufreq\ncpu3", entry), 4u) << "no digit, and no end of line at the end";
   EXPECT_EQ(count("", entry + entry + "vendor\n" + entry + "processor"), 4u);
-  for (const size_t length : {1023, 1024, 1025, 1027, 2047, 5000}) {
-    EXPECT_EQ(count(line("cpu  1", length, "cpu9") + line("cpu0", length, "intr") + "cpu1\n", ""), 2u);
-  }
   EXPECT_GE(__VeskGetNProcs(), 1u);
 }
 

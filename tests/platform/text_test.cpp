@@ -1,5 +1,4 @@
 #include <cerrno>
-#include <clocale>
 #include <set>
 #include <string>
 #include <thread>
@@ -11,7 +10,6 @@
 
 #include "support/child.h"
 #include "support/test_host.h"
-#include "veskrt/memory.h"
 #include "veskrt/text.h"
 
 namespace {
@@ -22,12 +20,6 @@ std::set<int> openDescriptors() {
     if (fcntl(i, F_GETFD) != -1) open.insert(i);
   }
   return open;
-}
-
-std::string taken(char* text) {
-  const std::string result = text != nullptr ? text : "(null)";
-  __VeskFree(text);
-  return result;
 }
 
 } // namespace
@@ -56,41 +48,8 @@ TEST(Text, FilesStayOffTheStandardDescriptors) {
   }
 }
 
-TEST(Text, CopiesAndPaths) {
+TEST(Text, ANameThatHasNoBytesOpensNothing) {
   test::startRuntime();
-  char buffer[] = "xxxxxxx";
-  __VeskStrncpy(buffer, "abcdef", 4);
-  EXPECT_EQ(std::string(buffer, 7), std::string("abc\0xxx", 7));
-  __VeskStrSCncpy(buffer, "a", 6);
-  EXPECT_EQ(std::string(buffer, 7), std::string("a\0\0\0\0\0x", 7));
-  EXPECT_EQ(taken(__VeskGetBaseName("dir/sub/file.txt")), "file.txt");
-  EXPECT_EQ(taken(__VeskGetBaseName("dir/")), "");
-  EXPECT_EQ(taken(__VeskGetBaseName("/name")), "/name");
-  EXPECT_EQ(__VeskGetBaseName(""), nullptr);
-  char path[] = "///a///b//c/";
-  __VeskSanitizePath(path);
-  EXPECT_STREQ(path, "/a/b/c/");
-  char blank[] = "   \t";
-  EXPECT_STREQ(__VeskStripWhiteSpaces(blank), "");
-  char text[] = " A b\xc3\x84\n ";
-  __VeskConvertUtf8ToLowerCase(text);
-  EXPECT_STREQ(__VeskStripWhiteSpaces(text), "a b\xc3\x84");
-}
-
-TEST(Text, ConvertsBetweenMultibyteAndWide) {
-  test::startRuntime();
-  ASSERT_NE(std::setlocale(LC_ALL, "C.UTF-8"), nullptr);
-  wchar_t wide[4] = {9, 9, 9, 9};
-  EXPECT_EQ(__VeskUtf8ToWstring(wide, 15, "a\xc3\xa4z"), 0u);
-  EXPECT_EQ(wide[0], 9);
-  EXPECT_EQ(__VeskUtf8ToWstring(wide, 16, "a\xc3\xa4z"), 3u);
-  EXPECT_STREQ(wide, L"a\u00e4z");
-  EXPECT_EQ(__VeskUtf8ToWstring(wide, 16, "\xff"), 0u);
-  char narrow[5];
-  EXPECT_EQ(__VeskWstringToUtf8(narrow, 4, wide), 0u);
-  EXPECT_EQ(__VeskWstringToUtf8(narrow, 5, wide), 4u);
-  EXPECT_EQ(taken(__VeskAllocateAndConvertWstringToUtf8(wide)), narrow);
-  EXPECT_EQ(__VeskAllocateAndConvertUtf8ToWstring("\xc3"), nullptr);
   const wchar_t surrogate[] = {0xD800, 0};
   EXPECT_EQ(__VeskWFopen(surrogate, L"w", nullptr), nullptr);
 }

@@ -1,9 +1,8 @@
 #include "veskrt/atomic.h"
 
-#include <thread>
-#include <vector>
-
 #include <gtest/gtest.h>
+
+#include "support/threads.h"
 
 TEST(Atomic, ResultsAreOldOrNewValues) {
   uint32_t word = 3;
@@ -43,21 +42,17 @@ TEST(Atomic, BitScans) {
 TEST(Atomic, NoCountIsLostBetweenThreads) {
   uint32_t counter = 0;
   uint32_t swapped = 0;
-  std::vector<std::thread> threads;
-  for (int i = 0; i < 4; ++i) {
-    threads.emplace_back([&] {
-      for (int n = 0; n < 20000; ++n) {
-        __VeskInterlockedIncrement(&counter);
-        __VeskInterlockedExchangeAdd(&counter, 2);
-        __VeskInterlockedDecrement(&counter);
-        uint32_t seen = 0;
-        for (uint32_t next; (next = __VeskInterlockedCompareExchange(&swapped, seen + 1, seen)) != seen;) {
-          seen = next;
-        }
+  test::runThreads(4, [&](int) {
+    for (int n = 0; n < 20000; ++n) {
+      __VeskInterlockedIncrement(&counter);
+      __VeskInterlockedExchangeAdd(&counter, 2);
+      __VeskInterlockedDecrement(&counter);
+      uint32_t seen = 0;
+      for (uint32_t next; (next = __VeskInterlockedCompareExchange(&swapped, seen + 1, seen)) != seen;) {
+        seen = next;
       }
-    });
-  }
-  for (auto& thread : threads) thread.join();
+    }
+  });
   EXPECT_EQ(counter, 160000u);
   EXPECT_EQ(swapped, 80000u);
 }

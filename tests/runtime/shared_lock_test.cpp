@@ -1,14 +1,13 @@
 #include "veskrt/shared_lock.h"
 
 #include <atomic>
-#include <cstddef>
 #include <thread>
-#include <vector>
 
 #include <gtest/gtest.h>
 
 #include "runtime/atomic.h"
 #include "support/test_host.h"
+#include "support/threads.h"
 #include "veskrt/runtime.h"
 
 namespace {
@@ -32,13 +31,6 @@ struct SharedLock : testing::Test {
 };
 
 } // namespace
-
-TEST_F(SharedLock, RecordIsLaidOutForThe64BitSwap) {
-  EXPECT_EQ(offsetof(VeskSharedExclusiveLock, state), 0u);
-  EXPECT_EQ(offsetof(VeskSharedExclusiveLock, readerCount), 4u);
-  EXPECT_EQ(offsetof(VeskSharedExclusiveLock, owner), 8u);
-  EXPECT_EQ(alignof(VeskSharedExclusiveLock), 8u);
-}
 
 TEST_F(SharedLock, HolderReentersExclusiveAndSharedIsNothingToIt) {
   __VeskReleaseExclusiveLock(&lock);
@@ -126,30 +118,26 @@ TEST_F(SharedLock, ReadersAndWritersUnderContention) {
     uint64_t first = 0; // plain words that are equal whenever the lock is not held exclusive
     uint64_t second = 0;
     std::atomic<int> torn{0};
-    std::vector<std::thread> threads;
-    for (int i = 0; i < 8; ++i) {
-      threads.emplace_back([&, i] {
-        for (int n = 0; n < 1500; ++n) {
-          if (i < 5) {
-            __VeskAcquireSharedLock(&lock);
-            torn += first != second;
-            __VeskReleaseSharedLock(&lock);
-          } else {
-            if (i == 7) {
-              while (__VeskTryToAcquireExclusiveLock(&lock, 3) == 0) __VeskYield();
-            } else {
-              __VeskAcquireExclusiveLock(&lock);
-            }
-            ++first;
-            __VeskAcquireSharedLock(&lock);
-            ++second;
-            __VeskReleaseSharedLock(&lock);
-            __VeskReleaseExclusiveLock(&lock);
-          }
+    test::runThreads(8, [&](int i) {
+      for (int n = 0; n < 1500; ++n) {
+        if (i < 5) {
+          __VeskAcquireSharedLock(&lock);
+          torn += first != second;
+          __VeskReleaseSharedLock(&lock);
+          continue;
         }
-      });
-    }
-    for (auto& thread : threads) thread.join();
+        if (i == 7) {
+          while (__VeskTryToAcquireExclusiveLock(&lock, 3) == 0) __VeskYield();
+        } else {
+          __VeskAcquireExclusiveLock(&lock);
+        }
+        ++first;
+        __VeskAcquireSharedLock(&lock);
+        ++second;
+        __VeskReleaseSharedLock(&lock);
+        __VeskReleaseExclusiveLock(&lock);
+      }
+    });
     EXPECT_EQ(torn, 0);
     EXPECT_EQ(first, 4500u);
     EXPECT_EQ(second, 4500u);

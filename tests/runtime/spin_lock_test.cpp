@@ -1,12 +1,11 @@
 #include "veskrt/spin_lock.h"
 
-#include <atomic>
 #include <thread>
-#include <vector>
 
 #include <gtest/gtest.h>
 
 #include "support/test_host.h"
+#include "support/threads.h"
 #include "veskrt/runtime.h"
 
 namespace {
@@ -17,7 +16,6 @@ struct SpinLock : testing::Test {
     __veskNumberOfProcessors = 2;
     __VeskInitializeSpinLockAndSpinCount(&lock, 100);
   }
-  void onOtherThread(const std::function<void()>& body) { std::thread(body).join(); }
   void expectWords(uint64_t owner, uint32_t state, uint32_t recursion) const {
     EXPECT_EQ(lock.owner, owner);
     EXPECT_EQ(lock.state, state);
@@ -39,21 +37,21 @@ TEST_F(SpinLock, HolderReentersAndOthersFindItBusy) {
   EXPECT_EQ(__VeskTryToAcquireSpinLock(&lock, 0), 1);
   expectWords(test::threadId(), 1, 3);
   EXPECT_EQ(__VeskIsSpinLockAcquiredByCallingThread(&lock), 1);
-  onOtherThread([&] {
+  std::thread([&] {
     EXPECT_EQ(__VeskIsSpinLockInAcquiredState(&lock), 1);
     EXPECT_EQ(__VeskIsSpinLockAcquiredByCallingThread(&lock), 0);
     EXPECT_EQ(__VeskTryToAcquireSpinLock(&lock, 0), 0);
     EXPECT_EQ(__VeskTryToAcquireSpinLock(&lock, 50), 0);
-  });
+  }).join();
   __VeskReleaseSpinLock(&lock);
   __VeskReleaseSpinLock(&lock);
   expectWords(test::threadId(), 1, 1);
   __VeskReleaseSpinLock(&lock);
   expectWords(0, 0, 0);
-  onOtherThread([&] {
+  std::thread([&] {
     EXPECT_EQ(__VeskTryToAcquireSpinLock(&lock, 1), 1);
     __VeskReleaseSpinLock(&lock);
-  });
+  }).join();
 }
 
 TEST_F(SpinLock, HoldsFromBeforeTheHookWasInstalledDoNotJamIt) {
@@ -72,23 +70,19 @@ TEST_F(SpinLock, ExcludesOversubscribedThreadsInEveryMode) {
       __veskNumberOfProcessors = processors;
       __VeskInitializeSpinLockAndSpinCount(&lock, spinCount);
       uint64_t guarded = 0; // plain: only the lock keeps it whole
-      std::vector<std::thread> threads;
-      for (int i = 0; i < 8; ++i) {
-        threads.emplace_back([&, i] {
-          for (int n = 0; n < 2000; ++n) {
-            if (i % 2 == 0) {
-              __VeskAcquireSpinLock(&lock);
-            } else {
-              while (__VeskTryToAcquireSpinLock(&lock, n % 3) == 0) __VeskYield();
-            }
+      test::runThreads(8, [&](int i) {
+        for (int n = 0; n < 2000; ++n) {
+          if (i % 2 == 0) {
             __VeskAcquireSpinLock(&lock);
-            ++guarded;
-            __VeskReleaseSpinLock(&lock);
-            __VeskReleaseSpinLock(&lock);
+          } else {
+            while (__VeskTryToAcquireSpinLock(&lock, n % 3) == 0) __VeskYield();
           }
-        });
-      }
-      for (auto& thread : threads) thread.join();
+          __VeskAcquireSpinLock(&lock);
+          ++guarded;
+          __VeskReleaseSpinLock(&lock);
+          __VeskReleaseSpinLock(&lock);
+        }
+      });
       EXPECT_EQ(guarded, 16000u);
       expectWords(0, 0, 0);
     }

@@ -36,4 +36,12 @@ std::string readFile(const std::string& path) {
   return text.str();
 }
 
+std::size_t occurrences(const std::string& text, const std::string& piece) {
+  std::size_t count = 0;
+  for (std::size_t at = 0; (at = text.find(piece, at)) != std::string::npos; ++at) ++count;
+  return count;
+}
+
+std::size_t logged(const std::string& piece) { return occurrences(readFile("vesklog.log"), piece); }
+
 } // namespace test

@@ -19,4 +19,8 @@ ChildResult runInChild(const std::function<void()>& body);
 // The whole of a file; empty when there is none.
 std::string readFile(const std::string& path);
 
+// How often a piece is in a text, and in the log that nobody gave another name.
+std::size_t occurrences(const std::string& text, const std::string& piece);
+std::size_t logged(const std::string& piece);
+
 } // namespace test

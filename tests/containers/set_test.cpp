@@ -10,6 +10,7 @@
 #include <gtest/gtest.h>
 
 #include "support/test_host.h"
+#include "support/threads.h"
 #include "veskrt/memory.h"
 
 namespace {

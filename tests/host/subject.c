@@ -226,7 +226,10 @@ int quick(void) {
   at_quick_exit(late);
   quick_exit(22);
 }
-static void* exitHere(void* argument) { _exit(argument ? 23 : 0); }
+static void* exitHere(void* argument) {
+  free(malloc(16)); // the others may not have come to it
+  _exit(argument ? 23 : 0);
+}
 static void* allocateForever(void* argument) {
   for (;;) free(malloc(16));
   return argument;

@@ -71,7 +71,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     }
     lookUp(model, start);
   }
-  for (std::uint64_t at = kBase; at < kBase + 2500; ++at) lookUp(model, at);
+  for (std::uint64_t at = kBase; at < kBase + 2500; at += 3) lookUp(model, at);
   while (!model.empty()) unload(model, model.begin()->first);
   require(fuzz::liveBlocks() == before);
   return 0;

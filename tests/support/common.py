@@ -3,6 +3,7 @@ import collections
 import contextlib
 import os
 import shutil
+import signal
 import struct
 import subprocess
 import sys
@@ -31,11 +32,17 @@ def need(condition, text):
 Outcome = collections.namedtuple("Outcome", "status output errors")
 
 
-def run(command, **options):
-    """A program with its arguments, or a text for the shell."""
-    options = {"stdin": subprocess.DEVNULL, "capture_output": True, "timeout": 240, **options}
-    done = subprocess.run(command, shell=isinstance(command, str), errors="surrogateescape", check=False, **options)
-    return Outcome(done.returncode if done.returncode >= 0 else 128 - done.returncode, done.stdout, done.stderr)
+def run(command, timeout=240, **options):
+    """A program with its arguments, or a text for the shell. What does not end is killed with all that it has started."""
+    process = subprocess.Popen(command, shell=isinstance(command, str), errors="surrogateescape", start_new_session=True,
+                               stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.PIPE, **options)
+    try:
+        output, errors = process.communicate(timeout=timeout)
+    except subprocess.TimeoutExpired:
+        os.killpg(process.pid, signal.SIGKILL)
+        process.communicate()
+        raise
+    return Outcome(process.returncode if process.returncode >= 0 else 128 - process.returncode, output, errors)
 
 
 def read(path):

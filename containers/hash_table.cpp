@@ -499,29 +499,28 @@ VeskHashTable* __VeskCreateHashTable(uint32_t flags, const VeskHashFunction* has
                                      uint32_t category, uint32_t shift) {
   levels = std::clamp(levels, 1, VESK_HASH_TABLE_MAX_LEVELS);
   const std::uint32_t bits = startingBits(flags);
-  const bool locked = (flags & VESK_HASH_TABLE_UNLOCKED) == 0;
-  auto* const memory =
-      static_cast<char*>(__VeskMalloc(category, sizeof(WholeTable) + (locked ? ReaderSlots::kBytes : 0), 0));
-  auto& whole = *new (memory) WholeTable{};
-  VeskHashTable* const table = &whole.record;
-  table->hashFunctions[0] = hashByKey;
-  table->hashFunctions[1] = hashByNextBits;
-  table->hashFunctions[2] = hashByHighBits;
+  Table record = {};
+  record.hashFunctions[0] = hashByKey;
+  record.hashFunctions[1] = hashByNextBits;
+  record.hashFunctions[2] = hashByHighBits;
   for (std::int32_t i = 0; hashFunctions != nullptr && i < levels; ++i) {
-    if (hashFunctions[i] != nullptr) table->hashFunctions[i] = hashFunctions[i];
+    if (hashFunctions[i] != nullptr) record.hashFunctions[i] = hashFunctions[i];
   }
-  table->compare = compare;
-  table->keyRelease = keyRelease;
-  table->bucketCount = 1 << bits;
-  table->bucketBits = bits;
-  table->level = levels - 1;
-  table->flags = tableFlags(flags, category, shift);
-  table->buckets = createBuckets(*table, bits);
-  if (isNumbered(*table)) {
-    whole.index.allocate(category, table->bucketCount);
-    if (locked) whole.readers = ReaderSlots(memory + sizeof(WholeTable));
-  }
-  return table;
+  record.compare = compare;
+  record.keyRelease = keyRelease;
+  record.bucketCount = 1 << bits;
+  record.bucketBits = bits;
+  record.level = levels - 1;
+  record.flags = tableFlags(flags, category, shift);
+
+  const bool numbered = isNumbered(record);
+  const bool announces = numbered && !isUnlocked(record);
+  auto* const memory = static_cast<char*>(
+      __VeskMalloc(category, sizeof(WholeTable) + (announces ? ReaderSlots::kBytes : 0), 0));
+  auto* const table = new (memory) WholeTable(record, announces ? memory + sizeof(WholeTable) : nullptr);
+  table->record.buckets = createBuckets(record, bits);
+  if (numbered) table->index.allocate(category, record.bucketCount);
+  return &table->record;
 }
 
 void __VeskDestroyHashTable(VeskHashTable* table, VeskHashDataRelease dataRelease) {

@@ -32,9 +32,12 @@ std::uint64_t hashByKey(Table* table, std::uint64_t key);
 
 // The record and what the library keeps behind it.
 struct WholeTable {
+  // Over memory for the slots of its readers, or null.
+  WholeTable(const Table& fields, void* slots) : record(fields), readers(slots) {}
+
   Table record;
   KeyIndex index;      // of a leaf whose keys are numbers
-  ReaderSlots readers; // of a locked leaf that has, or may have, an index; otherwise without slots
+  ReaderSlots readers; // of a locked leaf whose keys are numbers; otherwise without slots
 };
 
 [[gnu::always_inline]] inline const WholeTable& whole(const Table& table) {

@@ -33,12 +33,12 @@ public:
   // What the slots need, wherever it begins.
   static constexpr std::uint32_t kBytes = kSlots * sizeof(ReaderSlot) + alignof(ReaderSlot) - 1;
 
-  ReaderSlots() = default;
+  // Null: there are none.
   explicit ReaderSlots(void* memory)
       : slots_(reinterpret_cast<ReaderSlot*>(
             (reinterpret_cast<std::uintptr_t>(memory) + alignof(ReaderSlot) - 1) &
             ~(alignof(ReaderSlot) - 1))) {
-    for (std::uint32_t i = 0; i < kSlots; ++i) slots_[i].inside = 0;
+    for (std::uint32_t i = 0; areThere() && i < kSlots; ++i) slots_[i].inside = 0;
   }
 
   bool areThere() const { return slots_ != nullptr; }
@@ -99,7 +99,7 @@ private:
     while (loadSequential(slot.inside) != 0) backoff.busy();
   }
 
-  ReaderSlot* slots_ = nullptr;
+  ReaderSlot* slots_;
   std::uint32_t used_ = 0; // bit n: slot n has been used; spares writers the others
 };
 

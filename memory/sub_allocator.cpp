@@ -260,9 +260,9 @@ void giveBack(Returned& from) {
   std::uint64_t first = 0;
   std::uint64_t* last = &first;
   for (; from.touched != 0; from.touched &= from.touched - 1) {
-    const int word = std::countr_zero(from.touched);
+    const auto word = static_cast<std::size_t>(std::countr_zero(from.touched));
     for (std::uint64_t left = std::exchange(from.units[word], 0); left != 0; left &= left - 1) {
-      const auto unit = static_cast<std::size_t>(64 * word + std::countr_zero(left));
+      const std::size_t unit = 64 * word + static_cast<std::size_t>(std::countr_zero(left));
       auto* const chunk = reinterpret_cast<std::uint64_t*>(slab) + unit * (kUnit / sizeof(std::uint64_t));
       storeRelaxed(*last, reinterpret_cast<std::uint64_t>(chunk) | kFreeMark);
       last = chunk;

@@ -20,7 +20,8 @@ battery = {
     "perl fork": ["perl", "-e", "$|=1; for (1..5) { if (!fork) { exit $_ if $_ > 1; exec 'sh', '-c', 'exit 9' } wait; print $? >> 8 }"],
     "python3": ["/usr/bin/python3", "-c", "import json,threading,ssl,sqlite3,ctypes\nprint(len(json.dumps(list(range(9999)))))\n"
                 "t=[threading.Thread(target=lambda: sorted(range(9999))) for _ in range(8)]\n[x.start() for x in t];[x.join() for x in t]\n"
-                "import subprocess;print(subprocess.run(['sh','-c','echo child; exit 4']).returncode,ctypes.CDLL(None).abs(-3))\nraise SystemExit(5)"],
+                "import subprocess;print(subprocess.run(['sh','-c','echo child; exit 4']).returncode,ctypes.CDLL(None).abs(-3))\n"
+                "raise SystemExit(5)"],
     "python3 multiprocessing": ["/usr/bin/python3", "-c", "import multiprocessing as m\nif __name__=='__main__':\n"
                                 " with m.Pool(3) as p: print(p.map(abs, range(-9, 9)))"],
     "python3 descriptors": ["/usr/bin/python3", "-c", "import os;f=lambda:os.open('/dev/null',0)\nprint(f());os.closerange(3,2000);print(f(),f())"],

@@ -224,7 +224,8 @@ class Commands(common.TestCase):
         self.tell(b"x")  # an exec that fails opens the channel anew
         paused = self.snapshot()
         self.assertEqual(paused.of_size(MARKED).calls, 1000)
-        self.assertEqual(self.snapshot().totals["calls"], paused.totals["calls"])
+        # Each of the five threads may have been inside a call when the pause came.
+        self.assertLessEqual(self.snapshot().totals["calls"], paused.totals["calls"] + 5)
 
         self.control("ch send 4 + 2 + 99")
         self.wait_for_answers(7)

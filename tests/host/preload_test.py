@@ -83,7 +83,7 @@ class Preload(common.TestCase):
     def test_the_end_comes_after_the_programs_own(self):
         for program, last, end in (("exits", "malloc 4001 ", "exit 21"), ("exits", "malloc 4002 ", "exit 21"),
                                    ("quick", "malloc 4001 ", "quick 22"), ("mainLeaves", "malloc 4003 ", "exit 0"),
-                                   ("exitWhileBusy", "malloc 16 ", "exit 24"), ("exitFromThread", "malloc 16 ", "quick 23")):
+                                   ("exitWhileBusy", "thread+", "exit 24"), ("exitFromThread", "thread+", "quick 23")):
             with self.subTest(program):
                 events = self.events_of(program)
                 self.assertTrue(any(event.startswith(last) for event in events))

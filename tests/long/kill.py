@@ -90,7 +90,7 @@ def run():
             os.unlink(path)
         if had:
             common.write("r.xml", "old")
-        kill(*start(heap), span * random.random() ** 3)
+        kill(*start(heap), span * random.random() ** 2)
         half_written += len(glob.glob("r.xml.*.part"))
         if not os.path.exists("r.xml"):
             need(not had, "the old result is gone")

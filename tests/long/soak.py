@@ -46,7 +46,8 @@ class Soak:
         return {1: "written", 2: "counting from zero"}.get(code, "no command of this collector")
 
     def status(self, name):
-        return int(re.search(rf"^{name}:\s*(\d+)", read(f"/proc/{self.server}/status"), re.M).group(1))
+        found = re.search(rf"^{name}:\s*(\d+)", read(f"/proc/{self.server}/status"), re.M)
+        return int(found[1]) if found else 0 # it has ended
 
     def take_snapshots(self, seconds):
         """Reads what snapshots there are, and removes them, so that disk and numbers stay small."""

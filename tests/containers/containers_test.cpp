@@ -24,13 +24,6 @@ struct Containers : testing::Test {
   void SetUp() override { test::startRuntime(); }
 };
 
-// Bytes of slabs.
-int64_t taken(uint32_t category) {
-  VeskMemoryCategoryInfo info = {};
-  __VeskGetMemoryInfoByCategory(category, &info);
-  return info.allocated;
-}
-
 } // namespace
 
 TEST_F(Containers, TakeFromTheirCategoryAndGiveItBack) {
@@ -40,12 +33,12 @@ TEST_F(Containers, TakeFromTheirCategoryAndGiveItBack) {
   // use(category, full) fills a container, calls full() and destroys it.
   const auto check = [](const char* name, auto use) {
     const uint32_t category = __VeskRegisterMemoryCategory(name);
-    const int64_t others = taken(0);
+    const int64_t others = test::bytesOfSlabs(0);
     use(category, [&] {
-      EXPECT_GT(taken(category), 10 * 65536) << name;
-      EXPECT_EQ(taken(0), others) << name;
+      EXPECT_GT(test::bytesOfSlabs(category), 10 * 65536) << name;
+      EXPECT_EQ(test::bytesOfSlabs(0), others) << name;
     });
-    EXPECT_LE(taken(category), 16 * 65536) << name; // a last slab of each size, of up to 256 KiB
+    EXPECT_LE(test::bytesOfSlabs(category), 16 * 65536) << name; // a last slab of each size, of up to 256 KiB
   };
   check("hash table", [](uint32_t category, auto full) {
     VeskHashTable* table = __VeskCreateHashTable(0, nullptr, 2, nullptr, nullptr, category, 0);
@@ -97,9 +90,9 @@ TEST_F(Containers, TakeFromTheirCategoryAndGiveItBack) {
     Vector* vector = __VeskCreateVector(category);
     for (uint32_t i = 0; i <= VESK_VECTOR_MAX_INDEX; i += 256) __VeskSetVectorElement(vector, i, 1);
     full();
-    const int64_t before = taken(category);
+    const int64_t before = test::bytesOfSlabs(category);
     Vector* duplicate = __VeskDuplicateVector(vector, 0); // whose pages are in the source's category
-    EXPECT_GT(taken(category), before * 3 / 2);
+    EXPECT_GT(test::bytesOfSlabs(category), before * 3 / 2);
     __VeskDestroyVector(duplicate);
     __VeskDestroyVector(vector);
   });

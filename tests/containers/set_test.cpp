@@ -17,12 +17,6 @@ namespace {
 
 constexpr int64_t kSlabBytes = 65536; // a row keeps its last slab
 
-int64_t allocated(uint32_t category) {
-  VeskMemoryCategoryInfo info = {};
-  __VeskGetMemoryInfoByCategory(category, &info);
-  return info.allocated;
-}
-
 } // namespace
 
 // Whole chains come and go in batches. Slabs must not notice: they are taken from the host and given back as if
@@ -65,17 +59,17 @@ TEST(MultiSet, SlabsComeAndGoAsForSingleChunks) {
         for (const uint32_t e : to) remove(i, e);
       }
       EXPECT_TRUE(__VeskAreMultiSetsEqual(&whole[i], &single[i]));
-      EXPECT_EQ(allocated(category), allocated(other));
+      EXPECT_EQ(test::bytesOfSlabs(category), test::bytesOfSlabs(other));
     }
     for (uint32_t i = 0; i < kSets; ++i) __VeskDestroyMultiSet(&whole[i]), __VeskDestroyMultiSet(&single[i]);
-    EXPECT_LE(allocated(category), kSlabBytes);
+    EXPECT_LE(test::bytesOfSlabs(category), kSlabBytes);
   }
   MultiSet mixed = {0, category, nullptr}, rest = mixed;
   for (uint32_t n = 0; n != kSlab; ++n) __VeskAddAnElementToMultiSet(&mixed, n * 128); // fills a slab
   __VeskAddAnElementToMultiSet(&mixed, 64);
   for (uint32_t n = 1; n != kSlab; ++n) __VeskAddAnElementToMultiSet(&rest, n * 64); // and another
   __VeskDestroyMultiSet(&mixed); // while the first slab is emptied, there is room in the second
-  EXPECT_EQ(allocated(category), kSlabBytes);
+  EXPECT_EQ(test::bytesOfSlabs(category), kSlabBytes);
   __VeskDestroyMultiSet(&rest);
 }
 
@@ -111,5 +105,5 @@ TEST(Set, ThreadsShareACategory) {
   });
   __VeskDestroySet(&passedOn);
   EXPECT_EQ(wrong, 0);
-  EXPECT_LE(allocated(category), kSlabBytes);
+  EXPECT_LE(test::bytesOfSlabs(category), kSlabBytes);
 }

@@ -81,4 +81,10 @@ void startRuntime() {
   __VeskRtStartup();
 }
 
+std::int64_t bytesOfSlabs(std::uint32_t category) {
+  VeskMemoryCategoryInfo info = {};
+  __VeskGetMemoryInfoByCategory(category, &info);
+  return info.allocated;
+}
+
 } // namespace test

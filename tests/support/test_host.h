@@ -34,4 +34,7 @@ void startRuntime();
 // Installs the pair and thread ids only.
 void installHost();
 
+// Bytes of the slabs that a memory category has, while statistics are collected.
+std::int64_t bytesOfSlabs(std::uint32_t category);
+
 } // namespace test

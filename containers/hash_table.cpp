@@ -154,18 +154,12 @@ struct Found {
   __builtin_prefetch(reinterpret_cast<const void*>(bucket + offsetof(Bucket, head)));
 }
 
-[[gnu::noinline]] void waitForBucketShared(Bucket& bucket) { const ScopedSharedLock pass(bucket.lock); }
-[[gnu::noinline]] void waitForBucketExclusive(Bucket& bucket) { const ScopedExclusiveLock pass(bucket.lock); }
+[[gnu::noinline]] void waitForBucket(Bucket& bucket) { const ScopedExclusiveLock pass(bucket.lock); }
 
 // Lets those go first who hold the bucket's lock.
-[[gnu::always_inline]] inline void giveWayShared(Bucket& bucket) {
-  if (loadRelaxed(bucket.lock.state) == shared_lock::kExclusive ||
-      loadRelaxed(bucket.lock.writerWaiting) != 0) [[unlikely]]
-    waitForBucketShared(bucket);
-}
-[[gnu::always_inline]] inline void giveWayExclusive(Bucket& bucket) {
+[[gnu::always_inline]] inline void giveWay(Bucket& bucket) {
   if (loadRelaxed(bucket.lock.state) != shared_lock::kFree) [[unlikely]]
-    waitForBucketExclusive(bucket);
+    waitForBucket(bucket);
 }
 
 // The caller's hold of a numbered leaf: shared at first, announced or by the lock itself.
@@ -208,25 +202,7 @@ private:
   ReaderSlot* slot_;
 };
 
-[[gnu::noinline]] void* lookUpByLock(Table& leaf, std::uint64_t key) {
-  const ScopedSharedLock holdLeaf(leaf.lock);
-  const ScopedSharedLock holdBucket(leafBucket(leaf, key).lock);
-  return search(leaf, key).data;
-}
-
-[[gnu::always_inline]] inline void* lookUpNumber(Table& leaf, std::uint64_t key) {
-  WholeTable& table = whole(leaf);
-  prefetchKey(leaf, key);
-  ReaderSlot* const slot = table.readers.tryToArrive(leaf.lock);
-  if (slot == nullptr) [[unlikely]]
-    return lookUpByLock(leaf, key);
-  giveWayShared(leafBucket(leaf, key));
-  void* const data = search(leaf, key).data;
-  ReaderSlots::leave(*slot);
-  return data;
-}
-
-// ---- Other leaves ----
+// ---- Look-ups ----
 
 // Calls use(data) under the leaf's locks if the key is there.
 template <class Use>
@@ -252,6 +228,21 @@ void useDataOf(Table* table, std::uint64_t key, Use use) {
   void* data = nullptr;
   useDataOf(table, key, [&](void* stored) { data = stored; });
   return data;
+}
+
+// Of a numbered leaf. Whoever keeps readers out is waited for the general way.
+[[gnu::always_inline]] inline void* lookUpNumber(Table& leaf, std::uint64_t key) {
+  prefetchKey(leaf, key);
+  if (ReaderSlot* const slot = whole(leaf).readers.tryToArrive(leaf.lock)) [[likely]] {
+    const VeskSharedExclusiveLock& lock = leafBucket(leaf, key).lock;
+    const bool open =
+        loadRelaxed(lock.state) != shared_lock::kExclusive && loadRelaxed(lock.writerWaiting) == 0;
+    void* const data = open ? search(leaf, key).data : nullptr;
+    ReaderSlots::leave(*slot);
+    if (open) [[likely]]
+      return data;
+  }
+  return lookUpGenerally(&leaf, key);
 }
 
 // ---- Growth and insertion ----
@@ -342,7 +333,7 @@ void* insertNumber(Table& leaf, std::uint64_t key, void* data) {
   prefetchKey(leaf, key);
   Hold hold(leaf, nativeThreadId());
   Bucket& bucket = leafBucket(leaf, key);
-  giveWayExclusive(bucket);
+  giveWay(bucket);
   Found present = search(leaf, key);
   if (present.there) {
     hold.leave();
@@ -403,9 +394,9 @@ void* insertGenerally(Table& leaf, std::uint64_t key, void* data) {
   return data;
 }
 
-// From a numbered leaf that is unlocked or held exclusive; the key has this slot, or none.
-[[gnu::always_inline]] inline Entry* unlinkNumber(Table& leaf, std::uint64_t key, KeyIndex::Slot* slot) {
-  Entry*& link = findLink(leafBucket(leaf, key), [=](const Entry& entry) { return entry.key == key; });
+// From a leaf that is unlocked or held exclusive; the key has this slot, or none.
+[[gnu::always_inline]] inline Entry* unlinkKey(Table& leaf, std::uint64_t key, KeyIndex::Slot* slot) {
+  Entry*& link = linkOfKey(leaf, leafBucket(leaf, key), key);
   if (link == nullptr) [[unlikely]]
     return nullptr;
   if (KeyIndex& index = whole(leaf).index; index.isThere()) [[likely]]
@@ -414,23 +405,21 @@ void* insertGenerally(Table& leaf, std::uint64_t key, void* data) {
   return unlink(leaf, link);
 }
 
+[[gnu::always_inline]] inline KeyIndex::Slot* slotOf(const Table& leaf, std::uint64_t key) {
+  const KeyIndex& index = whole(leaf).index;
+  return index.isThere() ? index.find(key) : nullptr;
+}
+
 // What a removal need not look for in a chain.
 [[gnu::always_inline]] inline bool isMissing(const KeyIndex& index, const KeyIndex::Slot* slot) {
   return slot == nullptr && index.isThere() && !index.leavesOut();
 }
 
 void* removeUnlocked(Table& leaf, std::uint64_t key) {
-  Entry* entry;
-  if (whole(leaf).index.isThere()) {
-    const KeyIndex& index = whole(leaf).index;
-    __builtin_prefetch(&leafBucket(leaf, key).head);
-    KeyIndex::Slot* const slot = index.find(key);
-    entry = isMissing(index, slot) ? nullptr : unlinkNumber(leaf, key, slot);
-  } else {
-    Entry*& link = linkOfKey(leaf, leafBucket(leaf, key), key);
-    entry = link != nullptr ? unlink(leaf, link) : nullptr;
-    if (entry != nullptr) addToCount(leaf, -1);
-  }
+  const KeyIndex& index = whole(leaf).index;
+  if (index.isThere()) __builtin_prefetch(&leafBucket(leaf, key).head); // no call of a function from outside
+  KeyIndex::Slot* const slot = slotOf(leaf, key);
+  Entry* const entry = isMissing(index, slot) ? nullptr : unlinkKey(leaf, key, slot);
   return entry != nullptr ? dataOfFreed(leaf, entry) : nullptr;
 }
 
@@ -438,17 +427,16 @@ void* removeNumber(Table& leaf, std::uint64_t key) {
   prefetchKey(leaf, key);
   Hold hold(leaf, nativeThreadId());
   Bucket& bucket = leafBucket(leaf, key);
-  giveWayExclusive(bucket);
-  const KeyIndex& index = whole(leaf).index;
-  KeyIndex::Slot* slot = index.isThere() ? index.find(key) : nullptr;
-  if (isMissing(index, slot)) {
+  giveWay(bucket);
+  KeyIndex::Slot* slot = slotOf(leaf, key);
+  if (isMissing(whole(leaf).index, slot)) {
     hold.leave();
     return nullptr;
   }
   __builtin_prefetch(chainOf(bucket), 1);
   if (!hold.becomeExclusive()) [[unlikely]]
-    slot = index.isThere() ? index.find(key) : nullptr;
-  Entry* const entry = unlinkNumber(leaf, key, slot);
+    slot = slotOf(leaf, key);
+  Entry* const entry = unlinkKey(leaf, key, slot);
   releaseExclusive(leaf.lock);
   return entry != nullptr ? dataOfFreed(leaf, entry) : nullptr;
 }

@@ -118,9 +118,9 @@ void* veskHostAllocate(uint64_t bytes) {
   const bool own = needed > kLargestPiece;
   const std::uint64_t size = own ? (needed + kMappingGranule - 1) & ~(kMappingGranule - 1) : pieceFor(needed);
   void* piece = own ? map(size) : takePiece(size);
-  // A block that holds a huge page is an array that grows: fewer faults, and fewer lines lost to the page tables.
-  if (own && piece != nullptr && size >= kHugePage) madvise(piece, size, MADV_HUGEPAGE);
   if (piece == nullptr) return nullptr;
+  // A block that holds a huge page is an array that grows: fewer faults, and fewer lines lost to the page tables.
+  if (own && size >= kHugePage) madvise(piece, size, MADV_HUGEPAGE);
   bytesInUse.fetch_add(bytes, std::memory_order_relaxed);
   blocksInUse.fetch_add(1, std::memory_order_relaxed);
   auto* header = static_cast<Header*>(piece);

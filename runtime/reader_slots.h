@@ -11,7 +11,7 @@
 // shows no announced readers: whoever changes what they read calls waitForReaders() behind any exclusive
 // acquisition of the lock, or gives it back if it must not wait.
 //
-// An announced reader waits for nobody: what it does must neither block nor call out.
+// An announced reader calls nothing from outside, and waits for nobody who may be waiting for it.
 #pragma once
 
 #include <bit>
